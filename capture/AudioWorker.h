@@ -1,0 +1,36 @@
+#pragma once
+
+#include "interface/ScreenReel.h"
+#include "pipeline/Source.h"
+
+#include <QThread>
+
+#include <memory>
+
+namespace orvane {
+
+struct AudioInput;
+
+// Reads one audio input and hands every decoded frame's samples on, as they
+// come, with no conversion and no pacing. The input is opened in the
+// constructor, so its format is known before the consumer is built.
+class AudioWorker : QThread, public Source
+{
+    Q_OBJECT
+
+public:
+    AudioWorker(const plugin::interface::AudioDevice& device, Pipeline* pipeline);
+    ~AudioWorker() override;
+
+    bool start() override;
+    void stop() override;
+    // The decoder's format when valid, else all zero.
+    AudioFormat audioFormat() override;
+
+private:
+    void run() override;
+
+    const std::unique_ptr<AudioInput> input;
+};
+
+} // namespace orvane

@@ -1,0 +1,144 @@
+// The audio track: every chunk goes through the resampler to the encoder's
+// format, and the track is timed by the samples that come out of it.
+
+#include "AvError.h"
+#include "MuxerOutput.h"
+#include "PacketWriter.h"
+#include "pipeline/Logging.h"
+
+extern "C" {
+#include <libavformat/avformat.h>
+#include <libavutil/opt.h>
+#include <libswresample/swresample.h>
+}
+
+namespace orvane {
+
+namespace {
+
+// Frame size for encoders that take any: large enough to empty the
+// resampler in one frame per chunk.
+constexpr int variableFrameSize = 10000;
+
+AVChannelLayout sourceLayout(const AudioFormat& format)
+{
+    AVChannelLayout layout{};
+    if (format.channelLayout
+        && av_channel_layout_from_mask(&layout, format.channelLayout) == 0
+        && layout.nb_channels == format.channels)
+        return layout;
+    av_channel_layout_uninit(&layout);
+    av_channel_layout_default(&layout, format.channels);
+    return layout;
+}
+
+} // namespace
+
+bool openAudioStream(MuxerOutput& output)
+{
+    const AVCodec* codec = nullptr;
+    if (!addStream(output, &output.audioStream, &output.audioContext, &codec, output.outputFormat,
+                   output.outputFormat->audio_codec))
+        return false;
+    AVCodecContext* context = output.audioContext;
+    int result = avcodec_open2(context, codec, nullptr);
+    if (result < 0) {
+        qCWarning(lcScreenReel) << "could not open audio codec: " << avErrorText(result);
+        return false;
+    }
+    result = avcodec_parameters_from_context(output.audioStream->codecpar, context);
+    if (result < 0) {
+        qCWarning(lcScreenReel) << "could not copy the stream parameters: " << avErrorText(result);
+        return false;
+    }
+    output.audioFrameSize = (codec->capabilities & AV_CODEC_CAP_VARIABLE_FRAME_SIZE)
+                                ? variableFrameSize
+                                : context->frame_size;
+
+    output.audioFrame = av_frame_alloc();
+    if (!output.audioFrame) {
+        qCWarning(lcScreenReel) << "failed to allocate audio frame: " << avErrorText(AVERROR(ENOMEM));
+        return false;
+    }
+    av_channel_layout_copy(&output.audioFrame->ch_layout, &context->ch_layout);
+    output.audioFrame->nb_samples = output.audioFrameSize;
+    output.audioFrame->format = context->sample_fmt;
+    output.audioFrame->sample_rate = context->sample_rate;
+    result = av_frame_get_buffer(output.audioFrame, 0);
+    if (result < 0) {
+        qCWarning(lcScreenReel) << "failed to allocate audio frame: " << avErrorText(result);
+        return false;
+    }
+    result = av_frame_make_writable(output.audioFrame);
+    if (result < 0)
+        qCWarning(lcScreenReel) << "failed to make audio frame writable: " << avErrorText(result);
+
+    output.resampler = swr_alloc();
+    if (!output.resampler) {
+        qCWarning(lcScreenReel) << "Could not allocate resampler context";
+        return false;
+    }
+    const AudioFormat& in = *output.audioFormat;
+    AVChannelLayout inLayout = sourceLayout(in);
+    av_opt_set_chlayout(output.resampler, "in_chlayout", &inLayout, 0);
+    av_opt_set_int(output.resampler, "in_sample_rate", in.sampleRate, 0);
+    av_opt_set_sample_fmt(output.resampler, "in_sample_fmt", in.sampleFormat, 0);
+    av_opt_set_chlayout(output.resampler, "out_chlayout", &context->ch_layout, 0);
+    av_opt_set_int(output.resampler, "out_sample_rate", context->sample_rate, 0);
+    av_opt_set_sample_fmt(output.resampler, "out_sample_fmt", context->sample_fmt, 0);
+    av_channel_layout_uninit(&inLayout);
+    result = swr_init(output.resampler);
+    if (result < 0) {
+        qCWarning(lcScreenReel) << "Failed to initialize the resampling context: " << avErrorText(result);
+        return false;
+    }
+    return true;
+}
+
+void encodeAudioStep(MuxerOutput& output)
+{
+    AudioChunk chunk;
+    {
+        QMutexLocker lock(&output.mutex);
+        if (!output.audioFormat)
+            return;
+        if (!output.audioQueue.isEmpty()) {
+            chunk = output.audioQueue.takeFirst();
+            output.queuedSamples -= chunk.sampleCount;
+        }
+    }
+
+    // A planar source carries its planes one after the other in the chunk.
+    const AudioFormat& format = *output.audioFormat;
+    const int planeCount = av_sample_fmt_is_planar(format.sampleFormat) ? format.channels : 1;
+    // Never null, even when empty: a null input would flush the resampler.
+    const uint8_t* planes[AV_NUM_DATA_POINTERS] = {};
+    const int planeSize = chunk.samples.size() / qMax(planeCount, 1);
+    const auto* data = reinterpret_cast<const uint8_t*>(chunk.samples.constData());
+    for (int i = 0; i < planeCount && i < AV_NUM_DATA_POINTERS; ++i)
+        planes[i] = data + i * planeSize;
+
+    int inputCount = int(chunk.sampleCount);
+    for (;;) {
+        output.audioFrame->nb_samples = output.audioFrameSize;
+        const int converted = swr_convert(output.resampler, output.audioFrame->data,
+                                          output.audioFrameSize,
+                                          planes, inputCount);
+        if (converted == 0)
+            break;
+        if (converted < 0) {
+            qCWarning(lcScreenReel) << "failed swr convert: " << avErrorText(converted);
+            break;
+        }
+        output.audioSampleCount += uint64_t(converted);
+        output.audioFrame->pts = av_rescale_q(int64_t(output.audioSampleCount),
+                                              output.audioContext->time_base,
+                                              output.audioStream->time_base);
+        encodeFrame(output.formatContext, output.audioContext, output.audioStream,
+                    output.audioFrame, output.audioPacket);
+        // What the resampler still holds comes out with an empty input.
+        inputCount = 0;
+    }
+}
+
+} // namespace orvane

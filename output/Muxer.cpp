@@ -1,0 +1,282 @@
+#include "Muxer.h"
+
+#include "AvError.h"
+#include "MuxerOutput.h"
+#include "pipeline/Logging.h"
+#include "pipeline/Pipeline.h"
+
+#include <QIODevice>
+
+#include <chrono>
+#include <exception>
+#include <thread>
+
+extern "C" {
+#include <libavformat/avformat.h>
+#include <libswresample/swresample.h>
+#include <libswscale/swscale.h>
+}
+
+namespace orvane {
+
+namespace {
+
+constexpr int ioBufferSize = 32768;
+// Beyond this much waiting sound the machine is not keeping up; the oldest
+// chunks are dropped rather than letting memory grow for the whole recording.
+constexpr int maxQueuedSeconds = 10;
+
+int ioWrite(void* opaque, uint8_t* buffer, int size)
+{
+    auto* output = static_cast<MuxerOutput*>(opaque);
+    return int(output->device->write(reinterpret_cast<const char*>(buffer), size));
+}
+
+int64_t ioSeek(void* opaque, int64_t offset, int whence)
+{
+    auto* output = static_cast<MuxerOutput*>(opaque);
+    if (whence == AVSEEK_SIZE || output->device->isSequential())
+        return -1;
+    if (!output->device->seek(offset))
+        return -1;
+    return output->device->pos();
+}
+
+} // namespace
+
+MuxerOutput::MuxerOutput(QIODevice* device, const QSize& size,
+                         const std::optional<AudioFormat>& audioFormat)
+    : device(device)
+    , size(size)
+    , audioFormat(audioFormat)
+{
+}
+
+bool MuxerOutput::setUp()
+{
+    outputFormat = av_guess_format("mp4", nullptr, "video/mp4");
+    if (!outputFormat) {
+        qCWarning(lcScreenReel) << "can't create output format";
+        return false;
+    }
+    const int result = avformat_alloc_output_context2(&formatContext, outputFormat, nullptr, nullptr);
+    if (result != 0) {
+        qCWarning(lcScreenReel) << "can't create output context: " << avErrorText(result);
+        return false;
+    }
+    auto* buffer = static_cast<unsigned char*>(av_malloc(ioBufferSize));
+    if (buffer)
+        ioContext = avio_alloc_context(buffer, ioBufferSize, 1, this, nullptr, ioWrite, ioSeek);
+    if (!ioContext) {
+        av_free(buffer);
+        qCWarning(lcScreenReel) << "Failed to create custom I/O";
+        return false;
+    }
+    // A pipe or socket cannot take the plain layout, which goes back to
+    // write the index: it gets fragments that play while they are written.
+    const bool sequential = device->isSequential();
+    if (sequential)
+        ioContext->seekable = 0;
+    formatContext->pb = ioContext;
+    formatContext->flags = AVFMT_FLAG_CUSTOM_IO;
+
+    if (!openVideoStream(*this)) {
+        qCWarning(lcScreenReel) << "Failed to init muxer video";
+        return false;
+    }
+    if (audioFormat && !openAudioStream(*this)) {
+        qCWarning(lcScreenReel) << "Failed to init muxer audio";
+        return false;
+    }
+    av_dump_format(formatContext, 0, "output", 1);
+
+    AVDictionary* options = nullptr;
+    if (sequential)
+        av_dict_set(&options, "movflags", "frag_keyframe+empty_moov+default_base_moof", 0);
+    const int header = avformat_write_header(formatContext, &options);
+    av_dict_free(&options);
+    if (header < 0) {
+        qCWarning(lcScreenReel) << "Failed to write header: " << avErrorText(header);
+        return false;
+    }
+    videoPacket = av_packet_alloc();
+    if (!videoPacket) {
+        qCWarning(lcScreenReel) << "Could not allocate AVPacket";
+        return false;
+    }
+    if (audioFormat) {
+        audioPacket = av_packet_alloc();
+        if (!audioPacket) {
+            qCWarning(lcScreenReel) << "Could not allocate AVPacket";
+            return false;
+        }
+    }
+    return true;
+}
+
+MuxerOutput::~MuxerOutput()
+{
+    // A Muxer set up but never run, or whose loop failed, is finished here.
+    if (valid)
+        finish(*this);
+    av_packet_free(&videoPacket);
+    av_packet_free(&audioPacket);
+    av_frame_free(&videoFrame);
+    av_frame_free(&audioFrame);
+    avcodec_free_context(&videoContext);
+    avcodec_free_context(&audioContext);
+    avformat_free_context(formatContext);
+    formatContext = nullptr;
+    // FFmpeg may have replaced the buffer first given: free the current one.
+    if (ioContext)
+        av_freep(&ioContext->buffer);
+    avio_context_free(&ioContext);
+    sws_freeContext(scaler);
+    swr_free(&resampler);
+    device->close();
+}
+
+void finish(MuxerOutput& output)
+{
+    if (output.finished)
+        return;
+    output.finished = true;
+    while (true) {
+        avcodec_send_frame(output.videoContext, nullptr);
+        if (avcodec_receive_packet(output.videoContext, output.videoPacket) != 0)
+            break;
+        av_packet_rescale_ts(output.videoPacket, output.videoContext->time_base,
+                             output.videoStream->time_base);
+        output.videoPacket->stream_index = output.videoStream->index;
+        av_interleaved_write_frame(output.formatContext, output.videoPacket);
+    }
+    av_write_trailer(output.formatContext);
+}
+
+Muxer::Muxer(const QSize& size, const std::optional<AudioFormat>& format, QIODevice* output,
+             Pipeline* pipeline)
+    : QThread(pipeline)
+    , Target(pipeline)
+    , output(std::make_unique<MuxerOutput>(output, size, format))
+{
+    this->output->valid = this->output->setUp();
+    setObjectName(QStringLiteral("Muxer"));
+}
+
+Muxer::~Muxer()
+{
+    requestInterruption();
+    wait(QDeadlineTimer(QDeadlineTimer::Forever));
+}
+
+bool Muxer::start()
+{
+    if (!output->valid)
+        return false;
+    QThread::start(QThread::InheritPriority);
+    return true;
+}
+
+void Muxer::stop()
+{
+    stopThread(*this);
+}
+
+std::chrono::milliseconds Muxer::recordedTime()
+{
+    // Frames really encoded, 40 ms apiece; the clock's jumps are not in it.
+    const AVRational timeBase = output->videoContext->time_base;
+    const double seconds = double(timeBase.num) / double(timeBase.den)
+                           * double(output->encodedFrames.load(std::memory_order_relaxed));
+    return std::chrono::milliseconds(int64_t(seconds * 1000.0));
+}
+
+void Muxer::writeVideo(const QImage& image)
+{
+    if (isInterruptionRequested())
+        return;
+    QMutexLocker lock(&output->mutex);
+    output->image = image;
+    output->imageFresh = true;
+}
+
+void Muxer::writeAudio(const QByteArray& samples, qint64 sampleCount)
+{
+    if (isInterruptionRequested())
+        return;
+    QMutexLocker lock(&output->mutex);
+    if (!output->audioFormat)
+        return;
+    output->audioQueue.append(AudioChunk{samples, sampleCount});
+    output->queuedSamples += sampleCount;
+    const qint64 limit = qint64(maxQueuedSeconds) * output->audioFormat->sampleRate;
+    if (output->queuedSamples > limit && output->audioQueue.size() > 1) {
+        if (!output->audioQueueFull)
+            qCWarning(lcScreenReel) << "audio queue full, dropping the oldest samples";
+        output->audioQueueFull = true;
+        while (output->queuedSamples > limit && output->audioQueue.size() > 1)
+            output->queuedSamples -= output->audioQueue.takeFirst().sampleCount;
+    } else if (output->queuedSamples <= limit / 2) {
+        output->audioQueueFull = false;
+    }
+}
+
+namespace {
+
+// The video clock follows the audio clock: when it has fallen more than ten
+// frame times behind, it jumps ten frames ahead. Never the other way.
+void compareClocks(MuxerOutput& output)
+{
+    const double videoTimeBase = av_q2d(output.videoContext->time_base);
+    const double threshold = videoTimeBase * 10.0;
+    const double videoPosition = double(output.videoFrameCount) * videoTimeBase;
+    const double audioPosition = av_q2d(output.audioStream->time_base) * double(output.audioSampleCount);
+    if (audioPosition > videoPosition && std::abs(audioPosition - videoPosition) > threshold) {
+        output.videoFrameCount += 10;
+        qCDebug(lcScreenReel) << "video frame count adjusted";
+    }
+}
+
+} // namespace
+
+void Muxer::run()
+{
+    MuxerOutput& out = *output;
+    if (!out.valid)
+        return;
+    setPriority(QThread::TimeCriticalPriority);
+    try {
+        // Tick n is due at start + n ticks. A tick that ends a whole tick or
+        // more late restarts the grid from now: lost time is not made up.
+        using Clock = std::chrono::steady_clock;
+        const auto tick = std::chrono::milliseconds(1000 / out.frameRate);
+        auto deadline = Clock::now() + tick;
+        for (;;) {
+            if (isInterruptionRequested()) {
+                encodeVideoStep(out);
+                encodeAudioStep(out);
+                finish(out);
+                return;
+            }
+            {
+                QMutexLocker lock(&out.mutex);
+                if (out.audioFormat)
+                    compareClocks(out);
+            }
+            encodeVideoStep(out);
+            encodeAudioStep(out);
+
+            const auto now = Clock::now();
+            if (now - deadline >= tick)
+                deadline = now;
+            else
+                std::this_thread::sleep_until(deadline);
+            deadline += tick;
+        }
+    } catch (const std::exception& e) {
+        qCWarning(lcScreenReel) << e.what();
+        abort();
+    }
+}
+
+} // namespace orvane

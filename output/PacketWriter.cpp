@@ -1,0 +1,82 @@
+#include "PacketWriter.h"
+
+#include "AvError.h"
+#include "pipeline/Logging.h"
+
+#include <cstdio>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+}
+
+namespace orvane {
+
+namespace {
+
+QString formatValue(int64_t value)
+{
+    char text[32];
+    if (value == AV_NOPTS_VALUE)
+        std::snprintf(text, sizeof text, "NOPTS");
+    else
+        std::snprintf(text, sizeof text, "%lld", static_cast<long long>(value));
+    return QString::fromLocal8Bit(text);
+}
+
+QString formatTime(int64_t value, AVRational timeBase)
+{
+    char text[32];
+    if (value == AV_NOPTS_VALUE)
+        std::snprintf(text, sizeof text, "NOPTS");
+    else
+        std::snprintf(text, sizeof text, "%.6g", double(timeBase.num) / double(timeBase.den) * double(value));
+    return QString::fromLocal8Bit(text);
+}
+
+} // namespace
+
+void logPacket(const AVFormatContext* formatContext, const AVPacket* packet)
+{
+    if (!lcScreenReel().isDebugEnabled())
+        return;
+    const AVRational timeBase = formatContext->streams[packet->stream_index]->time_base;
+    qCDebug(lcScreenReel) << "pts:" << formatValue(packet->pts)
+                          << " pts_time: " << formatTime(packet->pts, timeBase)
+                          << " dts: " << formatValue(packet->dts)
+                          << " dts_time: " << formatTime(packet->dts, timeBase)
+                          << " duration: " << formatValue(packet->duration)
+                          << " duration_time: " << formatTime(packet->duration, timeBase)
+                          << " stream_index: " << packet->stream_index;
+}
+
+void encodeFrame(AVFormatContext* formatContext, AVCodecContext* codecContext, AVStream* stream,
+                 AVFrame* frame, AVPacket* packet)
+{
+    int result = avcodec_send_frame(codecContext, frame);
+    if (result < 0) {
+        qCWarning(lcScreenReel) << "Error sending a frame to the Muxer: " << avErrorText(result);
+        return;
+    }
+    for (;;) {
+        result = avcodec_receive_packet(codecContext, packet);
+        if (result == AVERROR(EAGAIN) || result == AVERROR_EOF)
+            return;
+        if (result < 0) {
+            qCWarning(lcScreenReel) << "Error encoding a frame: " << avErrorText(result);
+            return;
+        }
+        // Read at each packet: writing the header may have changed it.
+        av_packet_rescale_ts(packet, codecContext->time_base, stream->time_base);
+        packet->stream_index = stream->index;
+        logPacket(formatContext, packet);
+        // Takes over the packet's reference and leaves it blank for the next one.
+        result = av_interleaved_write_frame(formatContext, packet);
+        if (result < 0) {
+            qCWarning(lcScreenReel) << "Error while writing output packet: " << avErrorText(result);
+            return;
+        }
+    }
+}
+
+} // namespace orvane

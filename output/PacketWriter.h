@@ -1,0 +1,20 @@
+#pragma once
+
+struct AVCodecContext;
+struct AVFormatContext;
+struct AVFrame;
+struct AVPacket;
+struct AVStream;
+
+namespace orvane {
+
+// Encodes one frame and writes every packet the encoder has ready, timed in
+// the stream's time base, through the interleaver. Failures are logged and
+// the recording goes on.
+void encodeFrame(AVFormatContext* formatContext, AVCodecContext* codecContext, AVStream* stream,
+                 AVFrame* frame, AVPacket* packet);
+
+// One debug line per packet, formatted only when debug output is on.
+void logPacket(const AVFormatContext* formatContext, const AVPacket* packet);
+
+} // namespace orvane

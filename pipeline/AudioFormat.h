@@ -1,0 +1,27 @@
+#pragma once
+
+#include <cstdint>
+
+extern "C" {
+#include <libavutil/samplefmt.h>
+}
+
+namespace orvane {
+
+// Format of the samples an audio Source delivers, as its decoder reports it.
+// All zero when the source failed to open.
+struct AudioFormat
+{
+    AVSampleFormat sampleFormat = AVSampleFormat(0);
+    int32_t sampleRate = 0;
+    int32_t channels = 0;
+    uint64_t channelLayout = 0;  // FFmpeg channel mask; informational
+
+    bool operator==(const AudioFormat& other) const
+    {
+        return sampleFormat == other.sampleFormat && sampleRate == other.sampleRate
+            && channels == other.channels && channelLayout == other.channelLayout;
+    }
+};
+
+} // namespace orvane

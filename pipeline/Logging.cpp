@@ -1,0 +1,7 @@
+#include "Logging.h"
+
+namespace orvane {
+
+Q_LOGGING_CATEGORY(lcScreenReel, "screenreel", QtWarningMsg)
+
+} // namespace orvane

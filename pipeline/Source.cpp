@@ -1,0 +1,44 @@
+#include "Source.h"
+
+#include "Pipeline.h"
+#include "preview/BufferView.h"
+
+#include <QImage>
+
+namespace orvane {
+
+Source::Source(Pipeline* pipeline)
+    : pipeline(pipeline)
+{
+}
+
+Source::~Source() = default;
+
+AudioFormat Source::audioFormat()
+{
+    return {};
+}
+
+QSize Source::videoSize()
+{
+    return QSize(0, 0);
+}
+
+void Source::pushImage(const QImage& image)
+{
+    pipeline->target->writeVideo(image);
+    if (pipeline->view)
+        pipeline->view->setImage(image);
+}
+
+void Source::pushAudio(const QByteArray& samples, qint64 sampleCount)
+{
+    pipeline->target->writeAudio(samples, sampleCount);
+}
+
+void Source::abort()
+{
+    pipeline->abort();
+}
+
+} // namespace orvane
