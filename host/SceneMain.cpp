@@ -1,0 +1,142 @@
+// A full-screen moving scene: coloured bars that slide, a bouncing box and a
+// running clock, so that a recording has something that changes every frame.
+// With --flash, a white patch flashes for 120 ms at the start of every second
+// and, at the same instant, a short beep goes to the default sound output.
+
+#include <QApplication>
+#include <QAudioFormat>
+#include <QAudioOutput>
+#include <QBuffer>
+#include <QCommandLineParser>
+#include <QElapsedTimer>
+#include <QPainter>
+#include <QScreen>
+#include <QTimer>
+#include <QWidget>
+#include <QtEndian>
+
+#include <cmath>
+#include <memory>
+
+namespace {
+
+constexpr int flashMs = 120;
+
+class Scene : public QWidget
+{
+public:
+    explicit Scene(bool flash)
+        : flash(flash)
+    {
+        setWindowTitle(QStringLiteral("ScreenReel scene"));
+        setAttribute(Qt::WA_OpaquePaintEvent);
+        clock.start();
+        auto* timer = new QTimer(this);
+        timer->setTimerType(Qt::PreciseTimer);
+        connect(timer, &QTimer::timeout, this, [this] { tick(); });
+        timer->start(10);
+        if (flash)
+            prepareBeep();
+    }
+
+private:
+    void tick()
+    {
+        const qint64 now = clock.elapsed();
+        const qint64 second = now / 1000;
+        if (flash && second != lastSecond) {
+            lastSecond = second;
+            beep();
+        }
+        update();
+    }
+
+    void prepareBeep()
+    {
+        QAudioFormat format;
+        format.setSampleRate(48000);
+        format.setChannelCount(2);
+        format.setSampleSize(16);
+        format.setCodec(QStringLiteral("audio/pcm"));
+        format.setByteOrder(QAudioFormat::LittleEndian);
+        format.setSampleType(QAudioFormat::SignedInt);
+        // 120 ms of 1 kHz.
+        const int frames = 48000 * flashMs / 1000;
+        tone.resize(frames * 4);
+        auto* samples = reinterpret_cast<qint16*>(tone.data());
+        for (int i = 0; i < frames; ++i) {
+            const qint16 v = qint16(20000 * std::sin(2 * M_PI * 1000.0 * i / 48000.0));
+            samples[2 * i] = qToLittleEndian(v);
+            samples[2 * i + 1] = qToLittleEndian(v);
+        }
+        output = std::make_unique<QAudioOutput>(format);
+        output->setBufferSize(48000 * 4 / 50);  // 20 ms: keep the beep close to the flash
+    }
+
+    void beep()
+    {
+        if (!output)
+            return;
+        output->stop();
+        buffer = std::make_unique<QBuffer>(&tone);
+        buffer->open(QIODevice::ReadOnly);
+        output->start(buffer.get());
+    }
+
+    void paintEvent(QPaintEvent*) override
+    {
+        const qint64 now = clock.elapsed();
+        QPainter painter(this);
+        const int w = width();
+        const int h = height();
+        const int bars = 8;
+        const int shift = int(now / 8) % w;
+        for (int i = 0; i < bars; ++i) {
+            const QColor colour = QColor::fromHsv(i * 360 / bars, 200, 220);
+            const int x = (i * w / bars + shift) % w;
+            painter.fillRect(x, 0, w / bars, h, colour);
+            if (x + w / bars > w)
+                painter.fillRect(x - w, 0, w / bars, h, colour);
+        }
+        const double t = now / 1000.0;
+        const int box = h / 5;
+        const int bx = int((std::sin(t * 1.3) * 0.5 + 0.5) * (w - box));
+        const int by = int((std::cos(t * 0.9) * 0.5 + 0.5) * (h - box));
+        painter.fillRect(bx, by, box, box, Qt::black);
+        painter.setPen(Qt::white);
+        QFont font;
+        font.setPixelSize(box / 3);
+        painter.setFont(font);
+        painter.drawText(QRect(bx, by, box, box), Qt::AlignCenter, QString::number(t, 'f', 2));
+        if (flash && now % 1000 < flashMs)
+            painter.fillRect(0, 0, w / 4, h / 4, Qt::white);
+    }
+
+    const bool flash;
+    QElapsedTimer clock;
+    qint64 lastSecond = -1;
+    QByteArray tone;
+    std::unique_ptr<QAudioOutput> output;
+    std::unique_ptr<QBuffer> buffer;
+};
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QApplication app(argc, argv);
+    QCommandLineParser parser;
+    parser.setApplicationDescription(QStringLiteral("A moving scene to record."));
+    parser.addHelpOption();
+    const QCommandLineOption flash(QStringLiteral("flash"),
+                                   QStringLiteral("Flash a white patch and beep once a second."));
+    parser.addOption(flash);
+    parser.process(app);
+
+    // Sized by hand: a bare X server has no window manager to make it full-screen.
+    Scene scene(parser.isSet(flash));
+    scene.setWindowFlags(Qt::FramelessWindowHint);
+    scene.setGeometry(QGuiApplication::primaryScreen()->geometry());
+    scene.show();
+    return app.exec();
+}
