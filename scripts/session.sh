@@ -31,7 +31,19 @@ cleanup() {
     rm -rf "$work"
 }
 trap cleanup EXIT
-trap 'exit 130' INT TERM
+# Until the command runs, a signal just ends the session; from then on it is
+# passed to the command, which may need the display and the sound server to
+# finish (a recorder writing its file's end), and the session ends with it.
+child=""
+on_signal() {
+    if [ -n "$child" ]; then
+        kill -s "$1" "$child" 2>/dev/null
+    else
+        exit 130
+    fi
+}
+trap 'on_signal INT' INT
+trap 'on_signal TERM' TERM
 
 if [ $want_display = 1 ]; then
     exec 3<> "$work/displayfd"
@@ -79,6 +91,11 @@ fi
 
 "$@" &
 child=$!
-wait $child
+# wait returns early when a trapped signal arrives; the command goes on.
+wait "$child"
 status=$?
+while kill -0 "$child" 2>/dev/null; do
+    wait "$child"
+    status=$?
+done
 exit $status
