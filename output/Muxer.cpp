@@ -185,6 +185,8 @@ void Muxer::stop()
 std::chrono::milliseconds Muxer::recordedTime()
 {
     // Frames really encoded, 40 ms apiece; the clock's jumps are not in it.
+    if (!output->videoContext)
+        return std::chrono::milliseconds(0);
     const AVRational timeBase = output->videoContext->time_base;
     const double seconds = double(timeBase.num) / double(timeBase.den)
                            * double(output->encodedFrames.load(std::memory_order_relaxed));
