@@ -16,6 +16,8 @@
 #include <QTimer>
 #include <QWindow>
 
+#include <algorithm>
+
 namespace orvane {
 
 using plugin::interface::AudioDevice;
@@ -55,19 +57,27 @@ Plugin::~Plugin()
     delete view;
 }
 
-std::vector<AudioDevice> Plugin::audioDevices()
+std::vector<AudioDevice> audioDeviceList(const QStringList& names)
 {
     std::vector<AudioDevice> result;
-    knownAudioDevices = QAudioDeviceInfo::availableDevices(QAudio::AudioInput);
     int counter = 0;
-    for (const QAudioDeviceInfo& info : qAsConst(knownAudioDevices)) {
-        AudioDevice device{QByteArray::number(counter++, 10), info.deviceName(), result.empty()};
+    for (const QString& name : names) {
+        AudioDevice device{QByteArray::number(counter++, 10), name, result.empty()};
         const bool known = std::any_of(result.begin(), result.end(),
                                        [&](const AudioDevice& d) { return d.name == device.name; });
         if (!known)
             result.push_back(std::move(device));
     }
     return result;
+}
+
+std::vector<AudioDevice> Plugin::audioDevices()
+{
+    knownAudioDevices = QAudioDeviceInfo::availableDevices(QAudio::AudioInput);
+    QStringList names;
+    for (const QAudioDeviceInfo& info : qAsConst(knownAudioDevices))
+        names.append(info.deviceName());
+    return audioDeviceList(names);
 }
 
 std::vector<VideoDevice> Plugin::videoDevices()

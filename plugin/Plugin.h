@@ -3,6 +3,8 @@
 #include "interface/OpaqueUI.h"
 #include "interface/ScreenReel.h"
 
+#include <QStringList>
+
 #include <memory>
 
 class QTimer;
@@ -14,6 +16,11 @@ class Pipeline;
 
 // Named as the host knows it, so that the plug-in answers qt_metacast for "OpaqueUI".
 using plugin::interface::OpaqueUI;
+
+// The host's list of audio inputs from the system's device names, in order:
+// the first device of a name wins, and an id keeps the device's place in the
+// system's list, so ids can have gaps.
+std::vector<plugin::interface::AudioDevice> audioDeviceList(const QStringList& names);
 
 // The one object the host talks to. Every operation runs on the GUI thread.
 class Plugin : public plugin::interface::ScreenReel, public OpaqueUI
