@@ -2,12 +2,14 @@
 
 #include "AvError.h"
 #include "MuxerOutput.h"
+#include "PacketWriter.h"
 #include "pipeline/Logging.h"
 #include "pipeline/Pipeline.h"
 
 #include <QIODevice>
 
 #include <chrono>
+#include <cmath>
 #include <exception>
 #include <thread>
 
@@ -145,9 +147,7 @@ void finish(MuxerOutput& output)
         avcodec_send_frame(output.videoContext, nullptr);
         if (avcodec_receive_packet(output.videoContext, output.videoPacket) != 0)
             break;
-        av_packet_rescale_ts(output.videoPacket, output.videoContext->time_base,
-                             output.videoStream->time_base);
-        output.videoPacket->stream_index = output.videoStream->index;
+        toStream(output.videoPacket, output.videoContext, output.videoStream);
         av_interleaved_write_frame(output.formatContext, output.videoPacket);
     }
     av_write_trailer(output.formatContext);
@@ -184,13 +184,7 @@ void Muxer::stop()
 
 std::chrono::milliseconds Muxer::recordedTime()
 {
-    // Frames really encoded, 40 ms apiece; the clock's jumps are not in it.
-    if (!output->videoContext)
-        return std::chrono::milliseconds(0);
-    const AVRational timeBase = output->videoContext->time_base;
-    const double seconds = double(timeBase.num) / double(timeBase.den)
-                           * double(output->encodedFrames.load(std::memory_order_relaxed));
-    return std::chrono::milliseconds(int64_t(seconds * 1000.0));
+    return orvane::recordedTime(*output);
 }
 
 void Muxer::writeVideo(const QImage& image)
@@ -207,27 +201,41 @@ void Muxer::writeAudio(const QByteArray& samples, qint64 sampleCount)
     if (isInterruptionRequested())
         return;
     QMutexLocker lock(&output->mutex);
-    if (!output->audioFormat)
+    queueAudio(*output, samples, sampleCount);
+}
+
+std::chrono::milliseconds recordedTime(const MuxerOutput& output)
+{
+    // Frames really encoded, 40 ms apiece; the clock's jumps are not in it.
+    // Whole numbers: in floating point 803 frames would read 32119 ms.
+    if (!output.videoContext)
+        return std::chrono::milliseconds(0);
+    const AVRational timeBase = output.videoContext->time_base;
+    const int64_t frames = output.encodedFrames.load(std::memory_order_relaxed);
+    return std::chrono::milliseconds(frames * 1000 * timeBase.num / timeBase.den);
+}
+
+void queueAudio(MuxerOutput& output, const QByteArray& samples, qint64 sampleCount)
+{
+    if (!output.audioFormat)
         return;
-    output->audioQueue.append(AudioChunk{samples, sampleCount});
-    output->queuedSamples += sampleCount;
-    const qint64 limit = qint64(maxQueuedSeconds) * output->audioFormat->sampleRate;
-    if (output->queuedSamples > limit && output->audioQueue.size() > 1) {
-        if (!output->audioQueueFull)
+    output.audioQueue.append(AudioChunk{samples, sampleCount});
+    output.queuedSamples += sampleCount;
+    const qint64 limit = qint64(maxQueuedSeconds) * output.audioFormat->sampleRate;
+    if (output.queuedSamples > limit && output.audioQueue.size() > 1) {
+        if (!output.audioQueueFull)
             qCWarning(lcScreenReel) << "audio queue full, dropping the oldest samples";
-        output->audioQueueFull = true;
-        while (output->queuedSamples > limit && output->audioQueue.size() > 1)
-            output->queuedSamples -= output->audioQueue.takeFirst().sampleCount;
-    } else if (output->queuedSamples <= limit / 2) {
-        output->audioQueueFull = false;
+        output.audioQueueFull = true;
+        while (output.queuedSamples > limit && output.audioQueue.size() > 1)
+            output.queuedSamples -= output.audioQueue.takeFirst().sampleCount;
+    } else if (output.queuedSamples <= limit / 2) {
+        output.audioQueueFull = false;
     }
 }
 
-namespace {
-
 // The video clock follows the audio clock: when it has fallen more than ten
 // frame times behind, it jumps ten frames ahead. Never the other way.
-void compareClocks(MuxerOutput& output)
+bool compareClocks(MuxerOutput& output)
 {
     const double videoTimeBase = av_q2d(output.videoContext->time_base);
     const double threshold = videoTimeBase * 10.0;
@@ -236,10 +244,10 @@ void compareClocks(MuxerOutput& output)
     if (audioPosition > videoPosition && std::abs(audioPosition - videoPosition) > threshold) {
         output.videoFrameCount += 10;
         qCDebug(lcScreenReel) << "video frame count adjusted";
+        return true;
     }
+    return false;
 }
-
-} // namespace
 
 void Muxer::run()
 {

@@ -9,6 +9,7 @@
 #include <QSize>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <optional>
 
@@ -87,6 +88,13 @@ void encodeVideoStep(MuxerOutput& output);
 void encodeAudioStep(MuxerOutput& output);
 // Drains the video encoder and writes the trailer, once.
 void finish(MuxerOutput& output);
+// Under mutex, Muxer thread: lets the video clock catch up with the audio
+// clock by a jump of ten frames. True when it jumped.
+bool compareClocks(MuxerOutput& output);
+// Under mutex: appends a chunk, dropping the oldest beyond ten seconds.
+void queueAudio(MuxerOutput& output, const QByteArray& samples, qint64 sampleCount);
+// Any thread: the frames given to the video encoder, in milliseconds.
+std::chrono::milliseconds recordedTime(const MuxerOutput& output);
 
 // FFmpeg's count of the frames given to an encoder (renamed in libavcodec 60).
 inline int64_t frameNumber(const AVCodecContext* context)
