@@ -50,6 +50,18 @@ void logPacket(const AVFormatContext* formatContext, const AVPacket* packet)
                           << " stream_index: " << packet->stream_index;
 }
 
+void toStream(AVPacket* packet, const AVCodecContext* codecContext, const AVStream* stream)
+{
+    // libavcodec leaves video packets without a duration, and the MP4 muxer
+    // then gives the last frame none: its edit list cuts that frame off.
+    // The encoder's time base is one frame.
+    if (codecContext->codec_type == AVMEDIA_TYPE_VIDEO && packet->duration == 0)
+        packet->duration = 1;
+    // Read at each packet: writing the header may have changed it.
+    av_packet_rescale_ts(packet, codecContext->time_base, stream->time_base);
+    packet->stream_index = stream->index;
+}
+
 void encodeFrame(AVFormatContext* formatContext, AVCodecContext* codecContext, AVStream* stream,
                  AVFrame* frame, AVPacket* packet)
 {
@@ -66,9 +78,7 @@ void encodeFrame(AVFormatContext* formatContext, AVCodecContext* codecContext, A
             qCWarning(lcScreenReel) << "Error encoding a frame: " << avErrorText(result);
             return;
         }
-        // Read at each packet: writing the header may have changed it.
-        av_packet_rescale_ts(packet, codecContext->time_base, stream->time_base);
-        packet->stream_index = stream->index;
+        toStream(packet, codecContext, stream);
         logPacket(formatContext, packet);
         // Takes over the packet's reference and leaves it blank for the next one.
         result = av_interleaved_write_frame(formatContext, packet);

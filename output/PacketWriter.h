@@ -14,6 +14,9 @@ namespace orvane {
 void encodeFrame(AVFormatContext* formatContext, AVCodecContext* codecContext, AVStream* stream,
                  AVFrame* frame, AVPacket* packet);
 
+// Puts a packet from the encoder into the stream's time base and index.
+void toStream(AVPacket* packet, const AVCodecContext* codecContext, const AVStream* stream);
+
 // One debug line per packet, formatted only when debug output is on.
 void logPacket(const AVFormatContext* formatContext, const AVPacket* packet);
 
