@@ -118,11 +118,22 @@ void encodeAudioStep(MuxerOutput& output)
     for (int i = 0; i < planeCount && i < AV_NUM_DATA_POINTERS; ++i)
         planes[i] = data + i * planeSize;
 
+    // The encoder takes whole frames only: a short rest stays in audioFrame
+    // and the next chunk fills it up. Handing it in short would replay the
+    // tail of the frame before.
+    const int bytesPerSample = av_get_bytes_per_sample(AVSampleFormat(output.audioFrame->format));
+    const int perPlane = av_sample_fmt_is_planar(AVSampleFormat(output.audioFrame->format))
+                             ? 1
+                             : output.audioFrame->ch_layout.nb_channels;
     int inputCount = int(chunk.sampleCount);
     for (;;) {
         output.audioFrame->nb_samples = output.audioFrameSize;
-        const int converted = swr_convert(output.resampler, output.audioFrame->data,
-                                          output.audioFrameSize,
+        uint8_t* outPlanes[AV_NUM_DATA_POINTERS] = {};
+        const int offset = output.audioFrameFill * bytesPerSample * perPlane;
+        for (int i = 0; i < AV_NUM_DATA_POINTERS && output.audioFrame->data[i]; ++i)
+            outPlanes[i] = output.audioFrame->data[i] + offset;
+        const int converted = swr_convert(output.resampler, outPlanes,
+                                          output.audioFrameSize - output.audioFrameFill,
                                           planes, inputCount);
         if (converted == 0)
             break;
@@ -130,14 +141,18 @@ void encodeAudioStep(MuxerOutput& output)
             qCWarning(lcScreenReel) << "failed swr convert: " << avErrorText(converted);
             break;
         }
-        output.audioSampleCount += uint64_t(converted);
+        // What the resampler still holds comes out with an empty input.
+        inputCount = 0;
+        output.audioFrameFill += converted;
+        if (output.audioFrameFill < output.audioFrameSize)
+            continue;
+        output.audioFrameFill = 0;
+        output.audioSampleCount += uint64_t(output.audioFrameSize);
         output.audioFrame->pts = av_rescale_q(int64_t(output.audioSampleCount),
                                               output.audioContext->time_base,
                                               output.audioStream->time_base);
         encodeFrame(output.formatContext, output.audioContext, output.audioStream,
                     output.audioFrame, output.audioPacket);
-        // What the resampler still holds comes out with an empty input.
-        inputCount = 0;
     }
 }
 

@@ -76,6 +76,7 @@ struct MuxerOutput
     QImage image;                   // mutex; the newest image
     bool imageFresh = false;        // mutex; image not yet taken
     int audioFrameSize = 0;         // samples per channel in each encoder frame
+    int audioFrameFill = 0;         // samples in audioFrame still waiting for the rest of it
 };
 
 // Builds a stream and its encoder context with the track's constants.
