@@ -109,6 +109,8 @@ private slots:
     void clockComparison_data();
     void clockComparison();
     void audioQueueBound();
+    void recordedTimeOfFrames_data();
+    void recordedTimeOfFrames();
 };
 
 // Each character of `steps` is one tick: R, G, B hand in a picture of that
@@ -205,7 +207,8 @@ void MuxerTest::recording_data()
     QTest::newRow("file") << true;
 }
 
-// A running Muxer: one image, then nothing, until stopped.
+// A running Muxer: one image, then nothing, until stopped. The picture is
+// repeated at each tick, the stop writes the trailer, the destruction closes.
 void MuxerTest::recording()
 {
     QFETCH(bool, toFile);
@@ -220,10 +223,13 @@ void MuxerTest::recording()
         QVERIFY(buffer.open(QIODevice::WriteOnly));
     }
     Recording recording(device, size);
+    QElapsedTimer clock;
+    clock.start();
     QVERIFY(recording.pipeline->start());
     recording.muxer->writeVideo(picture(size, green));
     QTRY_VERIFY_WITH_TIMEOUT(recording.muxer->recordedTime() >= 400ms, 60000);
     recording.pipeline->stop();
+    const qint64 elapsed = clock.elapsed();
     const std::chrono::milliseconds recorded = recording.muxer->recordedTime();
     QVERIFY2(device->isOpen(), "the device is closed at destruction, not at stop");
     const qint64 written = device->size();
@@ -244,6 +250,9 @@ void MuxerTest::recording()
     QCOMPARE(probe.streams.size(), 1);
     const int frames = probe.streams[0].packets.size();
     QCOMPARE(recorded, std::chrono::milliseconds(40 * frames));
+    // One tick each 40 ms at most, a slow machine only makes fewer; the
+    // stop adds one last frame.
+    QVERIFY2(frames <= elapsed / 40 + 2, qPrintable(QStringLiteral("%1 frames in %2 ms").arg(frames).arg(elapsed)));
     const QVector<QImage> images = probe.decodeVideo();
     QCOMPARE(images.size(), frames);
     for (const QImage& image : images)
@@ -508,6 +517,31 @@ void MuxerTest::audioQueueBound()
     push(7);
     QCOMPARE(output.audioQueue.size(), 10);
     QCOMPARE(log.texts(QtWarningMsg), full + full);
+}
+
+void MuxerTest::recordedTimeOfFrames_data()
+{
+    QTest::addColumn<qint64>("frames");
+    QTest::addColumn<qint64>("milliseconds");
+    QTest::newRow("none") << qint64(0) << qint64(0);
+    QTest::newRow("one") << qint64(1) << qint64(40);
+    QTest::newRow("803, where floating point reads a millisecond short") << qint64(803) << qint64(32120);
+    QTest::newRow("ten hours") << qint64(900000) << qint64(36000000);
+}
+
+// Frames given to the encoder, 40 ms apiece, exactly.
+void MuxerTest::recordedTimeOfFrames()
+{
+    QFETCH(qint64, frames);
+    QFETCH(qint64, milliseconds);
+    QBuffer buffer;
+    QVERIFY(buffer.open(QIODevice::WriteOnly));
+    MuxerOutput output(&buffer, QSize(64, 48), std::nullopt);
+    QCOMPARE(recordedTime(output), std::chrono::milliseconds(0));
+    output.valid = output.setUp();
+    QVERIFY(output.valid);
+    output.encodedFrames = frames;
+    QCOMPARE(recordedTime(output), std::chrono::milliseconds(milliseconds));
 }
 
 QTEST_MAIN(MuxerTest)
