@@ -2,9 +2,9 @@
 // lie apart. Every flash (the top-left patch turns white) comes with a beep
 // at the same instant; the first white frame and the beep's onset are found
 // in the file, paired, and their distance (audio minus video) followed over
-// the recording. With a second file, the first is compared against it.
+// the recording. Further files are references the first is compared with.
 //
-//   sync-analyse [--pairs] [--beep HZ] [--max-gap MS] [--max-drift MS_PER_MIN] FILE [REFERENCE]
+//   sync-analyse [--pairs] [--beep HZ] [--max-gap MS] [--max-drift MS_PER_MIN] FILE [REFERENCE...]
 //
 // Exit status: 0 when the file(s) could be analysed and the comparison is
 // within the limits, 1 when a limit is exceeded, 2 when analysis failed.
@@ -434,15 +434,15 @@ int main(int argc, char** argv)
             (arg == "--beep" ? beepHz : arg == "--max-gap" ? maxGap : maxDrift) = value;
         } else if (arg == "-h" || arg == "--help" || arg.rfind("--", 0) == 0) {
             std::fprintf(stderr,
-                         "usage: %s [--pairs] [--beep HZ] [--max-gap MS] [--max-drift MS_PER_MIN] FILE [REFERENCE]\n",
+                         "usage: %s [--pairs] [--beep HZ] [--max-gap MS] [--max-drift MS_PER_MIN] FILE [REFERENCE...]\n",
                          argv[0]);
             return 2;
         } else {
             files.push_back(argv[i]);
         }
     }
-    if (files.empty() || files.size() > 2) {
-        std::fprintf(stderr, "one file, or a file and a reference, please\n");
+    if (files.empty()) {
+        std::fprintf(stderr, "no file given\n");
         return 2;
     }
     av_log_set_level(AV_LOG_ERROR);
@@ -464,14 +464,14 @@ int main(int argc, char** argv)
     bool within = std::abs(ours.drift) < maxDrift;
     std::printf("drift %+.2f ms/min (limit %.0f): %s\n", ours.drift, maxDrift,
                 std::abs(ours.drift) < maxDrift ? "within" : "OUTSIDE");
-    if (summaries.size() == 2) {
-        const Summary& ref = summaries.back();
+    for (size_t i = 1; i < summaries.size(); ++i) {
+        const Summary& ref = summaries[i];
         const double atStart = ours.start - ref.start;
         const double atEnd = ours.end - ref.end;
         const bool close = std::abs(atStart) <= maxGap && std::abs(atEnd) <= maxGap;
         within = within && close;
-        std::printf("first minus reference: start %+.1f ms, end %+.1f ms (limit %.0f): %s\n", atStart, atEnd,
-                    maxGap, close ? "within" : "OUTSIDE");
+        std::printf("first minus %s: start %+.1f ms, end %+.1f ms (limit %.0f): %s\n", files[i], atStart,
+                    atEnd, maxGap, close ? "within" : "OUTSIDE");
     }
     return within ? 0 : 1;
 }

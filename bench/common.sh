@@ -54,6 +54,7 @@ ensure_session() {
 
 # Runs a command under GNU time; its figures go to FILE as
 # "user system maxrss_kib wall".
+# GNU time puts a line before them when the command failed.
 timed() {
     local file=$1
     shift

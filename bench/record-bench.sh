@@ -158,7 +158,7 @@ echo "$(load_line) at the end"
         size=${geometry%%+*}
         for way in ${ways//,/ }; do
             name="$size-$way"
-            read -r user sys rss wall <"$out/$name.time" 2>/dev/null || { user=nan sys=nan rss=nan wall=nan; }
+            read -r user sys rss wall < <(tail -n1 "$out/$name.time" 2>/dev/null) || { user=nan sys=nan rss=nan wall=nan; }
             read -r frames distinct duration <<<"$(probe_video "$out/$name.mp4" || true)"
             echo "$size|$way|$(label "$way")|$user|$sys|$rss|$wall|${frames:-0}|${duration:-0}|${distinct:-0}"
         done
