@@ -1,0 +1,85 @@
+// Linked into the tests of thread-sanitized builds only.
+//
+// Qt 5 is not built with the thread sanitizer, and its QMutex and the join in
+// QThread::wait go through futexes that the sanitizer cannot see: every
+// member guarded by a QMutex, and every object deleted after its thread was
+// joined, would show as a race. These definitions take the place of the
+// library's for all calls made from the test executable (our own code is
+// linked into it), call the library's own code, and tell the sanitizer the
+// ordering that code gives:
+//   - QMutex::lock / tryLock acquire, QMutex::unlock releases the mutex;
+//   - a thread releases its QThread object when it finishes (the `finished`
+//     signal, emitted on that thread after run() has returned), and a
+//     successful QThread::wait acquires it.
+
+#include <QMutex>
+#include <QThread>
+
+#include <dlfcn.h>
+#include <sanitizer/tsan_interface.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+template <typename Function>
+Function original(const char* mangled)
+{
+    void* symbol = dlsym(RTLD_NEXT, mangled);
+    if (!symbol) {
+        std::fprintf(stderr, "QtSyncAnnotations: %s not found\n", mangled);
+        std::abort();
+    }
+    return reinterpret_cast<Function>(symbol);
+}
+
+} // namespace
+
+void QMutex::lock() QT_MUTEX_LOCK_NOEXCEPT
+{
+    static const auto lock = original<void (*)(QMutex*)>("_ZN6QMutex4lockEv");
+    lock(this);
+    __tsan_acquire(this);
+}
+
+bool QMutex::tryLock(int timeout) QT_MUTEX_LOCK_NOEXCEPT
+{
+    static const auto tryLock = original<bool (*)(QMutex*, int)>("_ZN6QMutex7tryLockEi");
+    const bool locked = tryLock(this, timeout);
+    if (locked)
+        __tsan_acquire(this);
+    return locked;
+}
+
+void QMutex::unlock() noexcept
+{
+    static const auto unlock = original<void (*)(QMutex*)>("_ZN6QMutex6unlockEv");
+    __tsan_release(this);
+    unlock(this);
+}
+
+void QThread::start(Priority priority)
+{
+    static const auto start = original<void (*)(QThread*, Priority)>("_ZN7QThread5startENS_8PriorityE");
+    connect(this, &QThread::finished, this, [this] { __tsan_release(this); }, Qt::DirectConnection);
+    start(this, priority);
+}
+
+bool QThread::wait(QDeadlineTimer deadline)
+{
+    static const auto wait = original<bool (*)(QThread*, QDeadlineTimer)>("_ZN7QThread4waitE14QDeadlineTimer");
+    const bool ended = wait(this, deadline);
+    if (ended)
+        __tsan_acquire(this);
+    return ended;
+}
+
+bool QThread::wait(unsigned long time)
+{
+    static const auto wait = original<bool (*)(QThread*, unsigned long)>("_ZN7QThread4waitEm");
+    const bool ended = wait(this, time);
+    if (ended)
+        __tsan_acquire(this);
+    return ended;
+}
