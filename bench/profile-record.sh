@@ -1,0 +1,60 @@
+#!/usr/bin/env bash
+# Profiles one recording of the moving scene by our plug-in with perf and
+# prints where the time went: by thread, by library, and the top functions.
+#
+#   bench/profile-record.sh [--seconds S] [--region WxH+X+Y] [--no-preview] [--out DIR]
+#
+# Runs inside a private display of its own; SCREENREEL_BUILD names another
+# build tree than build/.
+set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+
+seconds=20
+out=""
+extra=()
+while [ $# -gt 0 ]; do
+    case "$1" in
+        --seconds) seconds=$2; shift ;;
+        --region) extra+=(--region "$2"); shift ;;
+        --no-preview) extra+=(--no-preview) ;;
+        --out) out=$2; shift ;;
+        -h | --help) sed -n '2,8s/^# \{0,1\}//p' "$0"; exit 0 ;;
+        *) say "unknown option $1"; exit 2 ;;
+    esac
+    shift
+done
+out=${out:-$build/bench-out/profile}
+
+if [ -z "${SCREENREEL_BENCH_SESSION:-}" ]; then
+    ensure_base_packages linux-perf
+    build_targets ScreenReel screenreel-record screenreel-scene
+    ensure_session --display -- "$0" --seconds "$seconds" --out "$out" "${extra[@]}"
+fi
+
+mkdir -p "$out"
+start_scene
+trap stop_scene EXIT
+echo "$(load_line) at the start"
+perf record -q -F 499 -g -o "$out/perf.data" -- \
+    "$build/host/screenreel-record" -o "$out/recording.mp4" --seconds "$seconds" --audio none \
+    "${extra[@]}" >"$out/record.log" 2>&1
+stop_scene
+echo "$(load_line) at the end"
+
+report() {
+    perf report -i "$out/perf.data" --no-children --stdio -q --percent-limit "$1" "${@:2}" 2>/dev/null |
+        grep -v '^$' | grep -v '^#'
+}
+# Threads keep their names (x264's helpers carry the program's); swscale's
+# and x264's own functions have no symbols in Debian's libraries, so the
+# thread tells which conversion a library's time belongs to: VideoWorker
+# converts the grabbed picture to BGR24, Muxer converts that to YUV420P and
+# hands it to the encoder, the main thread scales and paints the preview.
+{
+    echo "== samples at 499 Hz by thread"
+    report 0.5 -n --sort pid,comm -g none
+    echo "== by thread and library"
+    report 0.5 -n --sort comm,dso -g none
+    echo "== top functions (with symbols)"
+    report 0.5 --sort comm,dso,sym -g none | grep -v '\] 0x0000'
+} | tee "$out/summary.txt"
