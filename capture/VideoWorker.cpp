@@ -124,6 +124,32 @@ bool VideoInput::selectInput()
     return true;
 }
 
+QImage convertFrame(const AVFrame& frame, SwsContext*& scaler, QImage& image, const QRect& region)
+{
+    const QSize frameSize(frame.width, frame.height);
+    if (image.size() != frameSize) {
+        // The first frame, or the screen changed its size: the converter and
+        // the working image follow the frame, so nothing is written beyond
+        // the image.
+        scaler = sws_getCachedContext(scaler, frameSize.width(), frameSize.height(),
+                                      AVPixelFormat(frame.format), frameSize.width(),
+                                      frameSize.height(), AV_PIX_FMT_BGR24, SWS_FAST_BILINEAR,
+                                      nullptr, nullptr, nullptr);
+        image = QImage(frameSize, QImage::Format_BGR888);
+        if (image.isNull() || !scaler) {
+            image = QImage();
+            return QImage();
+        }
+    }
+    // bits() detaches the image from every holder of the previous frame.
+    uint8_t* planes[4] = {image.bits(), nullptr, nullptr, nullptr};
+    const int strides[4] = {int(image.bytesPerLine()), 0, 0, 0};
+    sws_scale(scaler, frame.data, frame.linesize, 0, frame.height, planes, strides);
+    // The region counts from the image's top-left corner; an image of the
+    // region's size is handed on whole, shared, whatever the position says.
+    return region.size() == image.size() ? image : image.copy(region);
+}
+
 VideoWorker::VideoWorker(const VideoDevice& device, const QRect& region, Pipeline* pipeline)
     : QThread(pipeline)
     , Source(pipeline)
@@ -195,27 +221,11 @@ void VideoWorker::run()
                     qCWarning(lcScreenReel) << "Error during decoding";
                     break;
                 }
-                const QSize frameSize(in.frame->width, in.frame->height);
-                if (image.size() != frameSize) {
-                    // The first frame, or the screen changed its size: the
-                    // converter and the working image follow the frame, so
-                    // nothing is written beyond the image.
-                    in.scaler = sws_getCachedContext(
-                        in.scaler, frameSize.width(), frameSize.height(),
-                        AVPixelFormat(in.frame->format), frameSize.width(), frameSize.height(),
-                        AV_PIX_FMT_BGR24, SWS_FAST_BILINEAR, nullptr, nullptr, nullptr);
-                    image = QImage(frameSize, QImage::Format_BGR888);
-                    if (image.isNull() || !in.scaler) {
-                        qCWarning(lcScreenReel) << "Unable to create frame";
-                        image = QImage();
-                        break;
-                    }
+                const QImage out = convertFrame(*in.frame, in.scaler, image, in.region);
+                if (out.isNull()) {
+                    qCWarning(lcScreenReel) << "Unable to create frame";
+                    break;
                 }
-                uint8_t* planes[4] = {image.bits(), nullptr, nullptr, nullptr};
-                const int strides[4] = {int(image.bytesPerLine()), 0, 0, 0};
-                sws_scale(in.scaler, in.frame->data, in.frame->linesize, 0, in.frame->height,
-                          planes, strides);
-                const QImage out = in.region.size() == image.size() ? image : image.copy(in.region);
                 pushImage(out);
             }
             av_packet_unref(in.packet);

@@ -15,7 +15,9 @@
 #include <vector>
 
 extern "C" {
+#include <libavutil/frame.h>
 #include <libavutil/log.h>
+#include <libswscale/swscale.h>
 }
 
 using namespace orvane;
@@ -110,9 +112,26 @@ struct Recording
 
 const char* const fallback = "Falling back to gdigrab because d3d11va is not available...";
 
-QString describe(const QColor& colour)
+// A frame as the grabber delivers it (bgr0), of one colour.
+std::unique_ptr<AVFrame, void (*)(AVFrame*)> grabbedFrame(const QSize& size, const QColor& colour)
 {
-    return colour.name();
+    std::unique_ptr<AVFrame, void (*)(AVFrame*)> frame(av_frame_alloc(),
+                                                       [](AVFrame* f) { av_frame_free(&f); });
+    frame->format = AV_PIX_FMT_BGR0;
+    frame->width = size.width();
+    frame->height = size.height();
+    if (av_frame_get_buffer(frame.get(), 0) < 0)
+        return frame;
+    for (int y = 0; y < size.height(); ++y) {
+        uint8_t* pixel = frame->data[0] + y * frame->linesize[0];
+        for (int x = 0; x < size.width(); ++x, pixel += 4) {
+            pixel[0] = uint8_t(colour.blue());
+            pixel[1] = uint8_t(colour.green());
+            pixel[2] = uint8_t(colour.red());
+            pixel[3] = 0;
+        }
+    }
+    return frame;
 }
 
 } // namespace
@@ -127,6 +146,7 @@ private slots:
     void regions();
     void handedOverImageStaysUnchanged();
     void deviceOutsideTheScreen();
+    void framesOfChangingSize();
 
 private:
     VideoDevice device;
@@ -209,7 +229,7 @@ void VideoWorkerTest::regions()
         QVERIFY2(seen == colours.at(i),
                  qPrintable(QStringLiteral("at %1,%2: %3, expected %4")
                                 .arg(points.at(i).x()).arg(points.at(i).y())
-                                .arg(describe(seen), describe(colours.at(i)))));
+                                .arg(seen.name(), colours.at(i).name())));
     }
 }
 
@@ -243,6 +263,43 @@ void VideoWorkerTest::deviceOutsideTheScreen()
     QVERIFY(r.pipeline.video->audioFormat() == AudioFormat());
     QVERIFY(!r.pipeline.start());
     QCOMPARE(r.target->images(), 0);
+}
+
+void VideoWorkerTest::framesOfChangingSize()
+{
+    // The grabbed screen changes its size under a running capture: the
+    // working image follows each frame, the images handed on keep the region's.
+    SwsContext* scaler = nullptr;
+    QImage image;
+    const QRect region(8, 8, 40, 30);
+
+    QImage out = convertFrame(*grabbedFrame({64, 48}, Qt::red), scaler, image, region);
+    QCOMPARE(image.size(), QSize(64, 48));
+    QCOMPARE(out.size(), region.size());
+    QCOMPARE(out.pixelColor(39, 29), QColor(Qt::red));
+
+    out = convertFrame(*grabbedFrame({96, 64}, Qt::green), scaler, image, region);
+    QCOMPARE(image.size(), QSize(96, 64));
+    QCOMPARE(out.size(), region.size());
+    QCOMPARE(out.pixelColor(0, 0), QColor(Qt::green));
+
+    // Smaller than the region's far corner: black beyond the frame.
+    out = convertFrame(*grabbedFrame({32, 24}, Qt::blue), scaler, image, region);
+    QCOMPARE(image.size(), QSize(32, 24));
+    QCOMPARE(out.size(), region.size());
+    QCOMPARE(out.pixelColor(2, 2), QColor(Qt::blue));
+    QCOMPARE(out.pixelColor(30, 20), QColor(Qt::black));
+
+    // A region of the frame's size: handed on whole and shared, until the
+    // next frame goes to a buffer of its own.
+    const QRect whole(5, 5, 32, 24);
+    const QImage kept = convertFrame(*grabbedFrame({32, 24}, Qt::blue), scaler, image, whole);
+    QCOMPARE(kept.constBits(), image.constBits());
+    QCOMPARE(kept.pixelColor(0, 0), QColor(Qt::blue));
+    out = convertFrame(*grabbedFrame({32, 24}, Qt::red), scaler, image, whole);
+    QCOMPARE(out.pixelColor(0, 0), QColor(Qt::red));
+    QCOMPARE(kept.pixelColor(0, 0), QColor(Qt::blue));
+    sws_freeContext(scaler);
 }
 
 QTEST_MAIN(VideoWorkerTest)
