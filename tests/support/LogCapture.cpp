@@ -26,7 +26,7 @@ void debugFilter(QLoggingCategory* category)
 LogCapture::LogCapture(bool debug)
     : debug(debug)
 {
-    current = this;
+    outer = current.exchange(this);
     previous = qInstallMessageHandler(&LogCapture::handle);
     if (debug)
         previousFilter = QLoggingCategory::installFilter(debugFilter);
@@ -37,7 +37,7 @@ LogCapture::~LogCapture()
     if (debug)
         QLoggingCategory::installFilter(previousFilter);
     qInstallMessageHandler(previous);
-    current = nullptr;
+    current = outer;
 }
 
 void LogCapture::handle(QtMsgType type, const QMessageLogContext& context, const QString& text)

@@ -8,7 +8,8 @@
 namespace orvane::test {
 
 // Collects the log lines of any thread while it lives, instead of printing
-// them. QTest::ignoreMessage does not see lines taken here.
+// them. QTest::ignoreMessage does not see lines taken here. Captures nest:
+// the innermost one takes the lines.
 class LogCapture
 {
 public:
@@ -36,6 +37,7 @@ private:
     mutable QMutex mutex;
     QList<Line> captured;
     QtMessageHandler previous = nullptr;
+    LogCapture* outer = nullptr;  // a capture this one is nested in
     bool debug;
 };
 
