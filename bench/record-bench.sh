@@ -38,7 +38,7 @@ mkdir -p "$out"
 rm -f "$out"/*.mp4 "$out"/*.time
 fps=25
 # Generous: a recorder that hangs is cut off, and its row says so.
-limit=$((seconds + 60))
+limit=$((seconds + 30))
 
 record_plugin() {  # name geometry [--no-preview]
     local name=$1 geometry=$2

@@ -4,6 +4,8 @@
 #   bench/run.sh record [options]   recording cost against other recorders (record-bench.sh)
 #   bench/run.sh sync [options]     sound against picture over a long recording (sync-bench.sh)
 #   bench/run.sh pacing [options]   tick rate of the Muxer loop (pacing-bench; default 600 s)
+#   bench/run.sh all [--long]       waits for a quiet machine, then record, sync 60 s, pacing
+#                                   600 s (and sync 600 s with --long), into build/bench-out/all.log
 #
 # Each sets the machine up and builds what it needs into build/ first
 # (SCREENREEL_BUILD names another build tree).
@@ -12,7 +14,7 @@ here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 source "$here/common.sh"
 
 usage() {
-    sed -n '2,9s/^# \{0,1\}//p' "$0"
+    sed -n '2,11s/^# \{0,1\}//p' "$0"
     exit "${1:-0}"
 }
 
@@ -28,6 +30,21 @@ case "$which" in
         echo "$(load_line) at the start"
         "$build/bench/pacing-bench" "$@"
         echo "$(load_line) at the end"
+        ;;
+    all)
+        ensure_base_packages simplescreenrecorder
+        build_targets ScreenReel screenreel-record screenreel-scene sync-analyse pacing-bench
+        mkdir -p "$build/bench-out"
+        # Other work on the machine shows in every figure: wait for it to end.
+        wait_for_quiet 1 25
+        {
+            "$here/record-bench.sh"
+            "$here/sync-bench.sh" 60
+            "$0" pacing --seconds 600
+            if [ "${1:-}" = --long ]; then
+                "$here/sync-bench.sh" 600
+            fi
+        } 2>&1 | grep --line-buffered -v XDG_RUNTIME_DIR | tee "$build/bench-out/all.log"
         ;;
     -h | --help | help) usage 0 ;;
     *) say "unknown bench: $which"; usage 2 ;;

@@ -38,7 +38,7 @@ fi
 
 mkdir -p "$out"
 rm -f "$out"/ours.mp4 "$out"/cli.mp4 "$out"/clock.mkv
-limit=$((seconds + 60))
+limit=$((seconds + 30))
 
 start_scene --flash
 trap stop_scene EXIT
