@@ -34,20 +34,6 @@ bool addSink(const QString& name)
         && pactl.exitCode() == 0;
 }
 
-class CountingWindow : public QWindow
-{
-public:
-    int shows = 0;
-
-protected:
-    bool event(QEvent* event) override
-    {
-        if (event->type() == QEvent::Show)
-            ++shows;
-        return QWindow::event(event);
-    }
-};
-
 } // namespace
 
 class AudioDevicesTest : public QObject
@@ -178,7 +164,7 @@ void AudioDevicesTest::burstGivesOneSignal()
     connect(&plugin, &ScreenReel::deviceChanged, this, [&] { signalled << clock.elapsed(); });
 
     // Gaps under the 500 ms of the debounce, but more than 500 ms in all.
-    CountingWindow window;
+    QWindow window;
     QList<qint64> triggered;
     clock.start();
     for (int i = 0; i < 4; ++i) {
@@ -190,7 +176,6 @@ void AudioDevicesTest::burstGivesOneSignal()
         if (triggered.size() > 1 && triggered.last() - triggered.at(triggered.size() - 2) > 450)
             QSKIP("the machine is too busy to keep the triggers of a burst close together");
     }
-    QCOMPARE(window.shows, 4);  // every event reached its window
     QVERIFY2(signalled.isEmpty(), "signalled while the burst went on");
 
     QTRY_COMPARE_WITH_TIMEOUT(signalled.size(), 1, 10000);
