@@ -73,6 +73,13 @@ probe_video() {
     echo "$frames ${duration:-0}"
 }
 
+# How a timed command ended: "ok", "status N" or "signal N".
+ending() {
+    local how
+    how=$(grep -o -m1 'status [0-9]*\|signal [0-9]*' "$1" 2>/dev/null || true)
+    echo "${how:-ok}"
+}
+
 load_line() {
     echo "load average $(cut -d' ' -f1-3 /proc/loadavg) on $(nproc) cores"
 }

@@ -45,7 +45,7 @@ record_plugin() {  # name geometry [--no-preview]
     shift 2
     local region=()
     [ "$geometry" != 1920x1080+0+0 ] && region=(--region "$geometry")
-    timed "$out/$name.time" timeout -s INT -k 10 "$limit" \
+    timed "$out/$name.time" timeout --foreground -s INT -k 10 "$limit" \
         "$build/host/screenreel-record" -o "$out/$name.mp4" --seconds "$seconds" --audio none \
         "${region[@]}" "$@" >"$out/$name.log" 2>&1
 }
@@ -53,7 +53,7 @@ record_plugin() {  # name geometry [--no-preview]
 record_ffmpeg() {  # name geometry
     local name=$1 geometry=$2
     local size=${geometry%%+*} offset=${geometry#*+}
-    timed "$out/$name.time" timeout -s INT -k 10 "$limit" \
+    timed "$out/$name.time" timeout --foreground -s INT -k 10 "$limit" \
         ffmpeg -nostdin -y -loglevel error -f x11grab -framerate "$fps" -video_size "$size" \
         -i "$DISPLAY+${offset/+/,}" -c:v libx264 -preset ultrafast -pix_fmt yuv420p \
         -t "$seconds" "$out/$name.mp4" >"$out/$name.log" 2>&1
@@ -105,7 +105,7 @@ record_ssr() {  # name geometry
     write_ssr_settings "$dir/settings.conf" "$geometry" "$out/$name.mp4"
     mkfifo "$dir/commands"
     exec 7<>"$dir/commands"
-    HOME=$dir timed "$out/$name.time" timeout -k 10 "$((limit + 30))" \
+    HOME=$dir timed "$out/$name.time" timeout --foreground -k 10 "$((limit + 30))" \
         simplescreenrecorder --settingsfile="$dir/settings.conf" --logfile="$dir/log.txt" \
         --no-systray --start-hidden --start-recording <"$dir/commands" >"$out/$name.log" 2>&1 &
     local pid=$! _
@@ -160,7 +160,7 @@ echo "$(load_line) at the end"
             name="$size-$way"
             read -r user sys rss wall < <(tail -n1 "$out/$name.time" 2>/dev/null) || { user=nan sys=nan rss=nan wall=nan; }
             read -r frames distinct duration <<<"$(probe_video "$out/$name.mp4" || true)"
-            echo "$size|$way|$(label "$way")|$user|$sys|$rss|$wall|${frames:-0}|${duration:-0}|${distinct:-0}"
+            echo "$size|$way|$(label "$way")|$user|$sys|$rss|$wall|${frames:-0}|${duration:-0}|${distinct:-0}|$(ending "$out/$name.time")"
         done
     done
 } | awk -F'|' -v fps="$fps" -v seconds="$seconds" '
@@ -170,13 +170,13 @@ echo "$(load_line) at the end"
         CPU[$1 "|" $2] = cpu; RSS[$1 "|" $2] = $6 / 1024
         if (!seenSize[$1]++) sizes[++ns] = $1
         if (!seenWay[$2]++) wayorder[++nw] = $2
-        rows[NR] = sprintf("%-9s  %-21s  %7.3f  %6d  %8d  %6.2f  %7s  %7s  %8s  %7.0f",
+        rows[NR] = sprintf("%-9s  %-21s  %7.3f  %6d  %8d  %6.2f  %7s  %7s  %8s  %7.0f  %s",
                            $1, $3, cpu, $8, $10, $9, pct($8, fps * $9), pct($8, fps * seconds),
-                           pct($10, fps * $9), $6 / 1024)
+                           pct($10, fps * $9), $6 / 1024, $11)
     }
     END {
-        printf "%-9s  %-21s  %7s  %6s  %8s  %6s  %7s  %7s  %8s  %7s\n", "size", "way", "CPU s/s",
-               "frames", "distinct", "len s", "of len", "of " seconds " s", "distinct", "RSS MiB"
+        printf "%-9s  %-21s  %7s  %6s  %8s  %6s  %7s  %7s  %8s  %7s  %s\n", "size", "way", "CPU s/s",
+               "frames", "distinct", "len s", "of len", "of " seconds " s", "distinct", "RSS MiB", "ended"
         for (i = 1; i <= NR; i++) print rows[i]
         print ""
         print "ours against the others (CPU per recorded second, peak memory):"

@@ -45,7 +45,7 @@ trap stop_scene EXIT
 echo "$(load_line) at the start"
 say "recording ${seconds} s three ways at once"
 # The sound input is opened first, as its own input, then the screen.
-timed "$out/cli.time" timeout -s INT -k 10 "$limit" \
+timed "$out/cli.time" timeout --foreground -s INT -k 10 "$limit" \
     ffmpeg -nostdin -y -loglevel error -f pulse -i reel.monitor \
     -f x11grab -framerate 25 -video_size 1920x1080 -i "$DISPLAY" \
     -c:v libx264 -preset ultrafast -pix_fmt yuv420p -c:a aac -t "$seconds" \
@@ -53,13 +53,13 @@ timed "$out/cli.time" timeout -s INT -k 10 "$limit" \
 cli=$!
 # Capture times stay as they are: MP4 cannot hold them, Matroska can. -t
 # would count from the epoch here; it is stopped from outside instead.
-timed "$out/clock.time" timeout -s INT -k 10 "$seconds" \
+timed "$out/clock.time" timeout --foreground -s INT -k 10 "$seconds" \
     ffmpeg -nostdin -y -loglevel error -copyts -f pulse -i reel.monitor \
     -f x11grab -framerate 25 -video_size 1920x1080 -i "$DISPLAY" \
     -c:v libx264 -preset ultrafast -pix_fmt yuv420p -c:a aac \
     "$out/clock.mkv" >"$out/clock.log" 2>&1 &
 clock=$!
-timed "$out/ours.time" timeout -s INT -k 10 "$limit" \
+timed "$out/ours.time" timeout --foreground -s INT -k 10 "$limit" \
     "$build/host/screenreel-record" -o "$out/ours.mp4" --seconds "$seconds" \
     --audio reel.monitor --no-preview >"$out/ours.log" 2>&1 &
 ours=$!
@@ -74,6 +74,6 @@ echo "$(load_line) at the end"
 
 for way in ours cli clock; do
     read -r user sys rss wall < <(tail -n1 "$out/$way.time")
-    echo "$way: CPU ${user}+${sys} s over ${wall} s, peak memory $((rss / 1024)) MiB"
+    echo "$way: CPU ${user}+${sys} s over ${wall} s, peak memory $((rss / 1024)) MiB, ended: $(ending "$out/$way.time")"
 done
 "$build/bench/sync-analyse" "$out/ours.mp4" "$out/cli.mp4" "$out/clock.mkv" | tee "$out/summary.txt"
