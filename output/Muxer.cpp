@@ -28,7 +28,14 @@ constexpr int ioBufferSize = 32768;
 // chunks are dropped rather than letting memory grow for the whole recording.
 constexpr int maxQueuedSeconds = 10;
 
-int ioWrite(void* opaque, uint8_t* buffer, int size)
+// FFmpeg 7 hands the buffer over as const.
+#if LIBAVFORMAT_VERSION_MAJOR >= 61
+using IoBuffer = const uint8_t*;
+#else
+using IoBuffer = uint8_t*;
+#endif
+
+int ioWrite(void* opaque, IoBuffer buffer, int size)
 {
     auto* output = static_cast<MuxerOutput*>(opaque);
     return int(output->device->write(reinterpret_cast<const char*>(buffer), size));
@@ -56,6 +63,11 @@ MuxerOutput::MuxerOutput(QIODevice* device, const QSize& size,
 
 bool MuxerOutput::setUp()
 {
+    // Every packet would be refused one by one: say it once, up front.
+    if (!device->isWritable()) {
+        qCWarning(lcScreenReel) << "the output device is not open for writing";
+        return false;
+    }
     outputFormat = av_guess_format("mp4", nullptr, "video/mp4");
     if (!outputFormat) {
         qCWarning(lcScreenReel) << "can't create output format";
