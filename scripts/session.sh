@@ -47,7 +47,9 @@ trap 'on_signal TERM' TERM
 
 if [ $want_display = 1 ]; then
     exec 3<> "$work/displayfd"
-    Xvfb -displayfd 3 -screen 0 "$screen" -nolisten tcp -noreset >"$work/xvfb.log" 2>&1 &
+    # Own sessions for the servers: a Ctrl+C at the terminal is for the
+    # command, which may still need them to finish.
+    setsid Xvfb -displayfd 3 -screen 0 "$screen" -nolisten tcp -noreset >"$work/xvfb.log" 2>&1 &
     xvfb_pid=$!
     display=""
     for _ in $(seq 100); do
@@ -69,7 +71,7 @@ if [ $want_sound = 1 ]; then
     mkdir -p "$work/pulse"
     socket="$work/pulse/native"
     HOME="$work" XDG_RUNTIME_DIR="$work/pulse" PULSE_RUNTIME_PATH="$work/pulse" \
-        pulseaudio -n --daemonize=no --exit-idle-time=-1 --disallow-exit --log-target=stderr \
+        setsid pulseaudio -n --daemonize=no --exit-idle-time=-1 --disallow-exit --log-target=stderr \
         --use-pid-file=no \
         -L "module-native-protocol-unix socket=$socket auth-anonymous=1" \
         -L "module-null-sink sink_name=reel rate=48000 channels=2" \
@@ -89,7 +91,7 @@ if [ $want_sound = 1 ]; then
     pactl set-default-source reel.monitor >/dev/null 2>&1
 fi
 
-"$@" &
+"$@" <&0 &
 child=$!
 # wait returns early when a trapped signal arrives; the command goes on.
 wait "$child"
