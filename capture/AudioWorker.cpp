@@ -16,6 +16,16 @@ namespace orvane {
 
 using plugin::interface::AudioDevice;
 
+namespace {
+
+// Reads of a delivering device return every fragment (80 ms); a read that
+// has not returned this long after a stop request waits for a silent device.
+constexpr int stopGraceMs = 500;
+// How long ending the stream on the sound server may take.
+constexpr int endStreamTimeoutMs = 5000;
+
+} // namespace
+
 // Everything the audio thread works with, opened in the constructor.
 struct AudioInput
 {
@@ -34,6 +44,7 @@ struct AudioInput
     bool setUp();
 
     const AudioDevice device;
+    QByteArray streamName;  // the input's stream on the sound server, if any
     bool valid = false;
     int streamIndex = -1;
     const AVInputFormat* inputFormat = nullptr;
@@ -47,6 +58,7 @@ struct AudioInput
 bool AudioInput::setUp()
 {
     platform::AudioInput source = platform::audioInput(device.name);
+    streamName = source.streamName;
     inputFormat = av_find_input_format(source.format);
     // Without the input format FFmpeg would guess one from the device text;
     // that can only pick something else than the device asked for.
@@ -76,8 +88,7 @@ AudioWorker::AudioWorker(const AudioDevice& device, Pipeline* pipeline)
 
 AudioWorker::~AudioWorker()
 {
-    requestInterruption();
-    wait(QDeadlineTimer(QDeadlineTimer::Forever));
+    stop();
 }
 
 bool AudioWorker::start()
@@ -90,7 +101,14 @@ bool AudioWorker::start()
 
 void AudioWorker::stop()
 {
-    stopThread(*this);
+    requestInterruption();
+    if (QThread::currentThread() == this)
+        return;
+    // The read looks at the request only when the device delivers; one that
+    // has gone silent gets its stream ended, which makes the read fail.
+    if (!wait(QDeadlineTimer(stopGraceMs)))
+        platform::endAudioStream(input->streamName, endStreamTimeoutMs);
+    wait(QDeadlineTimer(QDeadlineTimer::Forever));
 }
 
 AudioFormat AudioWorker::audioFormat()
@@ -99,8 +117,17 @@ AudioFormat AudioWorker::audioFormat()
         return {};
     const AVCodecContext* context = input->codecContext;
     const AVChannelLayout& layout = context->ch_layout;
-    return {context->sample_fmt, context->sample_rate, layout.nb_channels,
-            layout.order == AV_CHANNEL_ORDER_NATIVE ? layout.u.mask : 0};
+    uint64_t mask = layout.order == AV_CHANNEL_ORDER_NATIVE ? layout.u.mask : 0;
+    // Inputs that give a channel count alone (the sound server's does) leave
+    // the order open: that count's usual layout is what they deliver.
+    if (layout.order == AV_CHANNEL_ORDER_UNSPEC) {
+        AVChannelLayout usual{};
+        av_channel_layout_default(&usual, layout.nb_channels);
+        if (usual.order == AV_CHANNEL_ORDER_NATIVE)
+            mask = usual.u.mask;
+        av_channel_layout_uninit(&usual);
+    }
+    return {context->sample_fmt, context->sample_rate, layout.nb_channels, mask};
 }
 
 void AudioWorker::run()
@@ -116,6 +143,9 @@ void AudioWorker::run()
             int result = av_read_frame(in.formatContext, in.packet);
             if (result == AVERROR(EAGAIN))
                 continue;
+            // A read ended by a stop is no failure of the device.
+            if (result < 0 && isInterruptionRequested())
+                return;
             if (result < 0) {
                 qCWarning(lcScreenReel) << "Error reading frame" << result;
                 abort();

@@ -23,6 +23,8 @@ public:
     ~AudioWorker() override;
 
     bool start() override;
+    // Waits for the thread without a time limit; a read still blocked on a
+    // silent device after a short grace has its stream ended to free it.
     void stop() override;
     // The decoder's format when valid, else all zero.
     AudioFormat audioFormat() override;

@@ -1,8 +1,13 @@
 #include "Platform.h"
 
 #include <QAudioDeviceInfo>
+#include <QCoreApplication>
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
+
+#include <atomic>
+#include <vector>
 
 extern "C" {
 #include <libavutil/dict.h>
@@ -10,10 +15,19 @@ extern "C" {
 
 #if defined(Q_OS_WIN)
 #include <dxgi.h>
-#elif defined(SCREENREEL_HAVE_LIBPCI)
+#else
+#if defined(SCREENREEL_HAVE_LIBPCI)
 extern "C" {
 #include <pci/pci.h>
 }
+#endif
+#if defined(SCREENREEL_HAVE_LIBPULSE)
+#include <pulse/context.h>
+#include <pulse/introspect.h>
+#include <pulse/mainloop.h>
+#include <pulse/operation.h>
+#include <pulse/proplist.h>
+#endif
 #endif
 
 namespace orvane::platform {
@@ -27,7 +41,12 @@ const char* offsetYOption() { return "offset_y"; }
 
 AudioInput audioInput(const QString& deviceName)
 {
-    return {"dshow", "audio=" + QByteArray::fromStdString(deviceName.toStdString()), nullptr};
+    return {"dshow", "audio=" + QByteArray::fromStdString(deviceName.toStdString()), nullptr, {}};
+}
+
+bool endAudioStream(const QByteArray&, int)
+{
+    return false;
 }
 
 std::vector<DisplayAdapter> displayAdapters()
@@ -58,8 +77,82 @@ AudioInput pulseInput(const QString& deviceName)
     // 48 kHz stereo 16-bit stream so the queue cannot grow.
     AVDictionary* options = nullptr;
     av_dict_set(&options, "fragment_size", "15360", 0);
-    return {"pulse", deviceName.toUtf8(), options};
+    // A name of its own per stream, unique on the server, for endAudioStream.
+    static std::atomic<int> streams{0};
+    const QByteArray streamName = "ScreenReel " + QByteArray::number(QCoreApplication::applicationPid())
+                                  + '.' + QByteArray::number(++streams);
+    av_dict_set(&options, "stream_name", streamName.constData(), 0);
+    return {"pulse", deviceName.toUtf8(), options, streamName};
 }
+
+#if defined(SCREENREEL_HAVE_LIBPULSE)
+
+// A private connection to the sound server, driven by hand until a deadline.
+class PulseConnection
+{
+public:
+    explicit PulseConnection(int timeoutMs)
+        : deadline(timeoutMs)
+        , loop(pa_mainloop_new())
+    {
+        if (!loop)
+            return;
+        context = pa_context_new(pa_mainloop_get_api(loop), "ScreenReel");
+        if (!context || pa_context_connect(context, nullptr, PA_CONTEXT_NOFLAGS, nullptr) < 0)
+            return;
+        while (pa_context_get_state(context) != PA_CONTEXT_READY) {
+            if (!PA_CONTEXT_IS_GOOD(pa_context_get_state(context)) || !iterate())
+                return;
+        }
+        ready = true;
+    }
+    ~PulseConnection()
+    {
+        if (context) {
+            pa_context_disconnect(context);
+            pa_context_unref(context);
+        }
+        if (loop)
+            pa_mainloop_free(loop);
+    }
+
+    PulseConnection(const PulseConnection&) = delete;
+    PulseConnection& operator=(const PulseConnection&) = delete;
+
+    // Runs the loop until the operation is done; false on time-out.
+    bool complete(pa_operation* operation)
+    {
+        if (!operation)
+            return false;
+        bool done = true;
+        while (pa_operation_get_state(operation) == PA_OPERATION_RUNNING) {
+            if (!iterate()) {
+                pa_operation_cancel(operation);
+                done = false;
+                break;
+            }
+        }
+        pa_operation_unref(operation);
+        return done;
+    }
+
+    QDeadlineTimer deadline;
+    pa_mainloop* const loop;
+    pa_context* context = nullptr;
+    bool ready = false;
+
+private:
+    bool iterate()
+    {
+        const qint64 left = deadline.remainingTime();
+        if (left == 0)
+            return false;
+        return pa_mainloop_prepare(loop, int(left * 1000)) >= 0 && pa_mainloop_poll(loop) >= 0
+            && pa_mainloop_dispatch(loop) >= 0;
+    }
+};
+
+#endif
 
 QString describePciDevice(uint32_t vendor, uint32_t device)
 {
@@ -102,8 +195,47 @@ AudioInput audioInput(const QString& deviceName)
         alsaOnly = true;
     }
     if (alsaOnly)
-        return {"alsa", deviceName.toUtf8(), nullptr};
+        return {"alsa", deviceName.toUtf8(), nullptr, {}};
     return pulseInput(deviceName);
+}
+
+bool endAudioStream(const QByteArray& streamName, int timeoutMs)
+{
+#if defined(SCREENREEL_HAVE_LIBPULSE)
+    if (streamName.isEmpty())
+        return false;
+    PulseConnection server(timeoutMs);
+    if (!server.ready)
+        return false;
+    struct Search
+    {
+        QByteArray name;
+        std::vector<uint32_t> found;
+    } search{streamName, {}};
+    const auto collect = [](pa_context*, const pa_source_output_info* info, int last, void* data) {
+        auto* search = static_cast<Search*>(data);
+        if (last || !info)
+            return;
+        const char* name = pa_proplist_gets(info->proplist, PA_PROP_MEDIA_NAME);
+        if (name && search->name == name)
+            search->found.push_back(info->index);
+    };
+    if (!server.complete(pa_context_get_source_output_info_list(server.context, collect, &search)))
+        return false;
+    bool ended = false;
+    for (const uint32_t index : search.found) {
+        int success = 0;
+        const auto result = [](pa_context*, int ok, void* data) { *static_cast<int*>(data) = ok; };
+        if (server.complete(pa_context_kill_source_output(server.context, index, result, &success))
+            && success)
+            ended = true;
+    }
+    return ended;
+#else
+    Q_UNUSED(streamName)
+    Q_UNUSED(timeoutMs)
+    return false;
+#endif
 }
 
 std::vector<DisplayAdapter> displayAdapters()

@@ -24,14 +24,23 @@ const char* offsetXOption();
 const char* offsetYOption();
 
 // The input that records a named audio device, the URL for it, and the
-// options it needs (null for none; the caller owns the dictionary).
+// options it needs (null for none; the caller owns the dictionary). A
+// sound-server input names its stream, so that endAudioStream finds it.
 struct AudioInput
 {
     const char* format;
     QByteArray url;
     AVDictionary* options;
+    QByteArray streamName;  // empty when the input has no server-side stream
 };
 AudioInput audioInput(const QString& deviceName);
+
+// Ends the named stream from the sound server's side, so that a read blocked
+// on it returns with an error. A device that delivers nothing (suspended, or
+// a source without data) otherwise holds the read for as long as that lasts,
+// and the input looks at no interrupt callback. Gives up after `timeoutMs`;
+// true when a stream was ended.
+bool endAudioStream(const QByteArray& streamName, int timeoutMs);
 
 // The graphics adapters of the machine.
 std::vector<DisplayAdapter> displayAdapters();
