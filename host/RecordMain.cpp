@@ -78,7 +78,8 @@ int main(int argc, char** argv)
                                      QStringLiteral("S"));
     const QCommandLineOption showRate(QStringLiteral("show-rate"), QStringLiteral("Show the preview's frame rate."));
     const QCommandLineOption noPreview(QStringLiteral("no-preview"), QStringLiteral("Show no preview."));
-    const QCommandLineOption plugin(QStringLiteral("plugin"), QStringLiteral("Load the plug-in from PATH."),
+    // Not "--plugin": QGuiApplication takes that for its own and removes it.
+    const QCommandLineOption plugin(QStringLiteral("plugin-file"), QStringLiteral("Load the plug-in from PATH."),
                                     QStringLiteral("PATH"));
     parser.addOptions({list, output, screen, region, audio, seconds, showRate, noPreview, plugin});
     parser.process(app);
