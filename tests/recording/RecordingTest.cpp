@@ -7,6 +7,8 @@
 #include "interface/ScreenReel.h"
 
 #include <QBuffer>
+#include <QDir>
+#include <QFileInfo>
 #include <QLayout>
 #include <QPluginLoader>
 #include <QPointer>
@@ -41,6 +43,23 @@ void countReadFailures(QtMsgType type, const QMessageLogContext& context, const 
     if (text.startsWith(QLatin1String("Error reading frame")))
         ++readFailures;
     testHandler(type, context, text);
+}
+
+// The names of the threads of this process that the recording runs.
+QStringList workerThreads()
+{
+    static const QStringList names{"VideoWorker", "AudioWorker", "Muxer"};
+    QStringList found;
+    for (const QFileInfo& task : QDir(QStringLiteral("/proc/self/task")).entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        QFile comm(task.filePath() + QStringLiteral("/comm"));
+        if (!comm.open(QIODevice::ReadOnly))
+            continue;
+        const QString name = QString::fromLocal8Bit(comm.readAll()).trimmed();
+        if (names.contains(name))
+            found << name;
+    }
+    found.sort();
+    return found;
 }
 
 QString pactl(const QStringList& arguments)
@@ -106,8 +125,9 @@ private slots:
     void pluginGoesAway();
 
 private:
-    // Each signal as "State@phase"; a Stopped seen while recordedTime still
-    // reports a recording gets a "!" so that the order of teardown shows.
+    // Each signal as "State@phase". A Stopped seen while recordedTime still
+    // reports a recording, or a Started seen while a worker thread already
+    // runs, gets a "!" so that the order of start and teardown shows.
     void note(State state);
     bool startInto(QIODevice* output, const QRect& region, const std::optional<AudioDevice>& audio);
     // Stops, and gives every signal seen so far.
@@ -191,7 +211,7 @@ void RecordingTest::note(State state)
 {
     QString text = state == State::Started ? QStringLiteral("Started@") : QStringLiteral("Stopped@");
     text += phase;
-    if (state == State::Stopped && reel->recordedTime().count() != 0)
+    if (state == State::Stopped ? reel->recordedTime().count() != 0 : !workerThreads().isEmpty())
         text += QLatin1Char('!');
     states << text;
 }
@@ -254,6 +274,8 @@ void RecordingTest::recordAndStop()
     QCOMPARE(states, QStringList{"Started@start"});
     QVERIFY(waitForTicks(10));
     QVERIFY(reel->recordedTime().count() > 0);
+    QCOMPARE(workerThreads(), sound ? QStringList({"AudioWorker", "Muxer", "VideoWorker"})
+                                    : QStringList({"Muxer", "VideoWorker"}));
     for (int i = 1; i < ticks.size(); ++i)
         QVERIFY2(ticks.at(i) >= ticks.at(i - 1), "recorded time went back");
     QVERIFY(ticks.last() > ticks.first());
@@ -266,6 +288,7 @@ void RecordingTest::recordAndStop()
     QTest::qWait(300);
     QCOMPARE(ticks.size(), after);
     QCOMPARE(states.size(), 3);
+    QCOMPARE(workerThreads(), QStringList());
 
     if (inMemory) {
         QVERIFY(file.write(buffer.data()) == buffer.size());
