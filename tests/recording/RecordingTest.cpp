@@ -12,9 +12,9 @@
 #include <QLayout>
 #include <QPluginLoader>
 #include <QPointer>
+#include <QProcess>
 #include <QScopeGuard>
 #include <QTemporaryDir>
-#include <QProcess>
 #include <QTemporaryFile>
 #include <QThread>
 #include <QVBoxLayout>
@@ -22,7 +22,6 @@
 #include <QtTest>
 
 #include <atomic>
-#include <memory>
 
 using orvane::plugin::interface::AudioDevice;
 using orvane::plugin::interface::OpaqueUI;
@@ -50,7 +49,8 @@ QStringList workerThreads()
 {
     static const QStringList names{"VideoWorker", "AudioWorker", "Muxer"};
     QStringList found;
-    for (const QFileInfo& task : QDir(QStringLiteral("/proc/self/task")).entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+    const QDir tasks(QStringLiteral("/proc/self/task"));
+    for (const QFileInfo& task : tasks.entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot)) {
         QFile comm(task.filePath() + QStringLiteral("/comm"));
         if (!comm.open(QIODevice::ReadOnly))
             continue;
