@@ -5,6 +5,8 @@
 #include "pipeline/Logging.h"
 #include "pipeline/Pipeline.h"
 
+#include <QElapsedTimer>
+
 #include <exception>
 
 extern "C" {
@@ -23,6 +25,10 @@ namespace {
 constexpr int stopGraceMs = 500;
 // How long ending the stream on the sound server may take.
 constexpr int endStreamTimeoutMs = 5000;
+// How often the read loop asks whether its device is still there, and how
+// long the answer may take.
+constexpr int deviceCheckMs = 1000;
+constexpr int deviceCheckTimeoutMs = 250;
 
 } // namespace
 
@@ -57,6 +63,11 @@ struct AudioInput
 
 bool AudioInput::setUp()
 {
+    // An empty name would record whatever the system's default input is.
+    if (device.name.isEmpty()) {
+        qCWarning(lcScreenReel) << "unable to open device [" << device.name << "]";
+        return false;
+    }
     platform::AudioInput source = platform::audioInput(device.name);
     streamName = source.streamName;
     inputFormat = av_find_input_format(source.format);
@@ -138,8 +149,22 @@ void AudioWorker::run()
         return;
     }
     AudioInput& in = *input;
+    QElapsedTimer sinceCheck;
+    sinceCheck.start();
+    int64_t device = platform::audioStreamDevice(in.streamName, deviceCheckTimeoutMs);
     try {
         while (!isInterruptionRequested()) {
+            if (sinceCheck.elapsed() >= deviceCheckMs) {
+                sinceCheck.restart();
+                const int64_t now = platform::audioStreamDevice(in.streamName, deviceCheckTimeoutMs);
+                if (device < 0)
+                    device = now;
+                else if (now >= 0 && now != device) {
+                    qCWarning(lcScreenReel) << "audio device [" << in.device.name << "] is gone";
+                    abort();
+                    return;
+                }
+            }
             int result = av_read_frame(in.formatContext, in.packet);
             if (result == AVERROR(EAGAIN))
                 continue;

@@ -49,6 +49,11 @@ bool endAudioStream(const QByteArray&, int)
     return false;
 }
 
+int64_t audioStreamDevice(const QByteArray&, int)
+{
+    return -1;
+}
+
 std::vector<DisplayAdapter> displayAdapters()
 {
     std::vector<DisplayAdapter> adapters;
@@ -199,34 +204,54 @@ AudioInput audioInput(const QString& deviceName)
     return pulseInput(deviceName);
 }
 
-bool endAudioStream(const QByteArray& streamName, int timeoutMs)
-{
 #if defined(SCREENREEL_HAVE_LIBPULSE)
-    if (streamName.isEmpty())
-        return false;
-    PulseConnection server(timeoutMs);
-    if (!server.ready)
-        return false;
+
+namespace {
+
+// A recording stream on the server: its own index and its device's.
+struct ServerStream
+{
+    uint32_t index;
+    uint32_t source;
+};
+
+// The streams of that name; false when the server did not answer in time.
+bool findStreams(PulseConnection& server, const QByteArray& streamName, std::vector<ServerStream>* found)
+{
     struct Search
     {
         QByteArray name;
-        std::vector<uint32_t> found;
-    } search{streamName, {}};
+        std::vector<ServerStream>* found;
+    } search{streamName, found};
     const auto collect = [](pa_context*, const pa_source_output_info* info, int last, void* data) {
         auto* search = static_cast<Search*>(data);
         if (last || !info)
             return;
         const char* name = pa_proplist_gets(info->proplist, PA_PROP_MEDIA_NAME);
         if (name && search->name == name)
-            search->found.push_back(info->index);
+            search->found->push_back({info->index, info->source});
     };
-    if (!server.complete(pa_context_get_source_output_info_list(server.context, collect, &search)))
+    return server.complete(pa_context_get_source_output_info_list(server.context, collect, &search));
+}
+
+} // namespace
+
+#endif
+
+bool endAudioStream(const QByteArray& streamName, int timeoutMs)
+{
+#if defined(SCREENREEL_HAVE_LIBPULSE)
+    if (streamName.isEmpty())
+        return false;
+    PulseConnection server(timeoutMs);
+    std::vector<ServerStream> streams;
+    if (!server.ready || !findStreams(server, streamName, &streams))
         return false;
     bool ended = false;
-    for (const uint32_t index : search.found) {
+    for (const ServerStream& stream : streams) {
         int success = 0;
         const auto result = [](pa_context*, int ok, void* data) { *static_cast<int*>(data) = ok; };
-        if (server.complete(pa_context_kill_source_output(server.context, index, result, &success))
+        if (server.complete(pa_context_kill_source_output(server.context, stream.index, result, &success))
             && success)
             ended = true;
     }
@@ -235,6 +260,23 @@ bool endAudioStream(const QByteArray& streamName, int timeoutMs)
     Q_UNUSED(streamName)
     Q_UNUSED(timeoutMs)
     return false;
+#endif
+}
+
+int64_t audioStreamDevice(const QByteArray& streamName, int timeoutMs)
+{
+#if defined(SCREENREEL_HAVE_LIBPULSE)
+    if (streamName.isEmpty())
+        return -1;
+    PulseConnection server(timeoutMs);
+    std::vector<ServerStream> streams;
+    if (!server.ready || !findStreams(server, streamName, &streams) || streams.size() != 1)
+        return -1;
+    return streams.front().source;
+#else
+    Q_UNUSED(streamName)
+    Q_UNUSED(timeoutMs)
+    return -1;
 #endif
 }
 

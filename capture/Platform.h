@@ -10,6 +10,7 @@
 #include <QByteArray>
 #include <QString>
 
+#include <cstdint>
 #include <vector>
 
 struct AVDictionary;
@@ -41,6 +42,12 @@ AudioInput audioInput(const QString& deviceName);
 // and the input looks at no interrupt callback. Gives up after `timeoutMs`;
 // true when a stream was ended.
 bool endAudioStream(const QByteArray& streamName, int timeoutMs);
+
+// The server's number of the device the named stream records from, -1 when
+// unknown. The server moves the streams of a device that goes away to
+// another one instead of ending them: a change of this number is how a
+// removed device shows.
+int64_t audioStreamDevice(const QByteArray& streamName, int timeoutMs);
 
 // The graphics adapters of the machine.
 std::vector<DisplayAdapter> displayAdapters();
