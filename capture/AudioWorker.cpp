@@ -12,6 +12,7 @@
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
+#include <libavutil/time.h>
 }
 
 namespace orvane {
@@ -149,6 +150,27 @@ void AudioWorker::run()
         return;
     }
     AudioInput& in = *input;
+    // The device has been capturing since it was opened, while the rest of
+    // the recording was set up: what it captured before this thread started
+    // would put the sound behind the picture by that time. It is cut off by
+    // the capture times, where the input gives them on the system clock.
+    bool trimming = platform::audioTimestampsAreWallClock();
+    const int64_t started = av_gettime();
+    const AVRational timeBase = in.formatContext->streams[in.streamIndex]->time_base;
+    const auto samplesBeforeStart = [&](const AVFrame* frame) {
+        if (!trimming)
+            return 0;
+        trimming = false;
+        if (frame->pts == AV_NOPTS_VALUE || frame->sample_rate <= 0)
+            return 0;
+        const int64_t captured = av_rescale_q(frame->pts, timeBase, AV_TIME_BASE_Q);
+        if (captured >= started)
+            return 0;
+        const int64_t before = av_rescale(started - captured, frame->sample_rate, AV_TIME_BASE);
+        // A frame that lies wholly before the start keeps the trimming on.
+        trimming = before >= frame->nb_samples;
+        return int(qMin<int64_t>(before, frame->nb_samples));
+    };
     QElapsedTimer sinceCheck;
     sinceCheck.start();
     int64_t device = platform::audioStreamDevice(in.streamName, deviceCheckTimeoutMs);
@@ -193,20 +215,26 @@ void AudioWorker::run()
                     qCWarning(lcScreenReel) << "Error during audio decoding " << result;
                     break;
                 }
+                const int skip = samplesBeforeStart(in.frame);
+                const int count = in.frame->nb_samples - skip;
+                if (count <= 0)
+                    continue;
                 const int channels = in.frame->ch_layout.nb_channels;
                 const auto format = AVSampleFormat(in.frame->format);
                 int lineSize = 0;
-                if (av_samples_get_buffer_size(&lineSize, channels, in.frame->nb_samples, format, 1) < 0) {
+                if (av_samples_get_buffer_size(&lineSize, channels, count, format, 1) < 0) {
                     qCWarning(lcScreenReel) << "unable to get audio buffer size";
                     break;
                 }
                 // A planar frame carries one plane per channel; they travel
                 // one after the other so that no channel is lost.
-                const int planes = av_sample_fmt_is_planar(format) ? channels : 1;
+                const bool planar = av_sample_fmt_is_planar(format);
+                const int planes = planar ? channels : 1;
+                const int offset = skip * av_get_bytes_per_sample(format) * (planar ? 1 : channels);
                 QByteArray samples(lineSize * planes, Qt::Uninitialized);
                 for (int i = 0; i < planes; ++i)
-                    memcpy(samples.data() + i * lineSize, in.frame->extended_data[i], size_t(lineSize));
-                pushAudio(samples, qint64(in.frame->nb_samples));
+                    memcpy(samples.data() + i * lineSize, in.frame->extended_data[i] + offset, size_t(lineSize));
+                pushAudio(samples, qint64(count));
             }
             av_packet_unref(in.packet);
         }

@@ -54,6 +54,11 @@ int64_t audioStreamDevice(const QByteArray&, int)
     return -1;
 }
 
+bool audioTimestampsAreWallClock()
+{
+    return false;
+}
+
 std::vector<DisplayAdapter> displayAdapters()
 {
     std::vector<DisplayAdapter> adapters;
@@ -261,6 +266,12 @@ bool endAudioStream(const QByteArray& streamName, int timeoutMs)
     Q_UNUSED(timeoutMs)
     return false;
 #endif
+}
+
+bool audioTimestampsAreWallClock()
+{
+    // Both the sound server's input and the ALSA input do.
+    return true;
 }
 
 int64_t audioStreamDevice(const QByteArray& streamName, int timeoutMs)

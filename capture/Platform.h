@@ -49,6 +49,10 @@ bool endAudioStream(const QByteArray& streamName, int timeoutMs);
 // removed device shows.
 int64_t audioStreamDevice(const QByteArray& streamName, int timeoutMs);
 
+// Whether the audio inputs time their packets on the system clock
+// (microseconds since the epoch, as av_gettime gives it).
+bool audioTimestampsAreWallClock();
+
 // The graphics adapters of the machine.
 std::vector<DisplayAdapter> displayAdapters();
 
