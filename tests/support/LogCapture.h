@@ -1,44 +1,65 @@
 #pragma once
 
-#include <QList>
+#include <QLoggingCategory>
+#include <QMap>
 #include <QMutex>
-#include <QString>
-#include <QtGlobal>
+#include <QStringList>
+
+#include <atomic>
+#include <cstring>
 
 namespace orvane::test {
 
-// Collects the log lines of any thread while it lives, instead of printing
-// them. QTest::ignoreMessage does not see lines taken here. Captures nest:
-// the innermost one takes the lines.
+// Takes the log lines of every thread while it lives, instead of printing
+// them (QTest::ignoreMessage does not see them). Of nested captures, the
+// innermost takes the lines.
 class LogCapture
 {
 public:
-    // debug: also switch on the debug lines of the "screenreel" category,
-    // whatever the logging rules of the environment say.
-    explicit LogCapture(bool debug = false);
-    ~LogCapture();
-
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
-
-    struct Line
+    // debug: also the debug lines of "screenreel", whatever the logging rules say.
+    explicit LogCapture(bool debug = false)
+        : outer(current.exchange(this)), previous(qInstallMessageHandler(&handle)), debug(debug)
     {
-        QtMsgType type;
-        QString category;
-        QString text;
-    };
-    QList<Line> lines() const;
-    // Texts of the lines of one type.
-    QStringList texts(QtMsgType type) const;
+        if (debug)
+            previousFilter = QLoggingCategory::installFilter(&enableDebug);
+    }
+    ~LogCapture()
+    {
+        if (debug)
+            QLoggingCategory::installFilter(previousFilter);
+        qInstallMessageHandler(previous);
+        current = outer;
+    }
+
+    QStringList texts(QtMsgType type) const
+    {
+        QMutexLocker lock(&mutex);
+        return captured.value(type);
+    }
 
 private:
-    static void handle(QtMsgType type, const QMessageLogContext& context, const QString& text);
+    static void handle(QtMsgType type, const QMessageLogContext&, const QString& text)
+    {
+        if (LogCapture* self = current) {
+            QMutexLocker lock(&self->mutex);
+            self->captured[type] << text;
+        }
+    }
+    static void enableDebug(QLoggingCategory* category)
+    {
+        if (previousFilter)
+            previousFilter(category);
+        if (std::strcmp(category->categoryName(), "screenreel") == 0)
+            category->setEnabled(QtDebugMsg, true);
+    }
 
+    static inline std::atomic<LogCapture*> current{nullptr};
+    static inline QLoggingCategory::CategoryFilter previousFilter = nullptr;
+    LogCapture* const outer;
+    const QtMessageHandler previous;
+    const bool debug;
     mutable QMutex mutex;
-    QList<Line> captured;
-    QtMessageHandler previous = nullptr;
-    LogCapture* outer = nullptr;  // a capture this one is nested in
-    bool debug;
+    QMap<QtMsgType, QStringList> captured;
 };
 
 } // namespace orvane::test

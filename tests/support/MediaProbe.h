@@ -1,39 +1,31 @@
 #pragma once
 
-#include <QByteArray>
 #include <QImage>
-#include <QString>
+#include <QSharedPointer>
+#include <QTemporaryFile>
 #include <QVector>
-
-#include <cstdint>
 
 namespace orvane::test {
 
 struct ProbedPacket
 {
-    int64_t pts = 0;       // in the stream's time base; INT64_MIN when unset
-    int64_t dts = 0;
-    int64_t duration = 0;
+    qint64 pts = 0;  // in the stream's time base
+    qint64 duration = 0;
 };
 
 struct ProbedStream
 {
-    QString type;          // "video", "audio", ...
-    QString codec;         // "h264", "aac", ...
-    QString pixelFormat;   // video: "yuv420p", ...
-    int width = 0;
-    int height = 0;
-    int timeBaseNum = 0;
-    int timeBaseDen = 1;
-    int sampleRate = 0;    // audio
-    int channels = 0;      // audio
+    QString type;         // "video", "audio"
+    QString codec;        // "h264", "aac"
+    QString pixelFormat;  // "yuv420p"
+    int width = 0, height = 0;         // video
+    int sampleRate = 0, channels = 0;  // audio
+    double timeBase = 0;  // seconds per unit
     QVector<ProbedPacket> packets;  // in file order
-
-    double timeBase() const { return double(timeBaseNum) / timeBaseDen; }
 };
 
-// Reads an MP4 (or anything libavformat opens) from a file or from memory and
-// tells what is in it. Opening reads every packet; decoding opens it again.
+// What a recorded file holds, as ffprobe reads it (every packet), and its
+// contents decoded by ffmpeg.
 class MediaProbe
 {
 public:
@@ -41,25 +33,25 @@ public:
     static MediaProbe fromData(const QByteArray& data);
 
     bool isValid() const { return error.isEmpty(); }
+    // Index of the first stream of the type, or -1.
+    int streamIndex(const QString& type) const;
+    // The first video stream's pictures, in presentation order.
+    QVector<QImage> decodeVideo() const;
+    // The first audio stream's samples, interleaved, at its own rate.
+    QVector<float> decodeAudio() const;
 
-    // Empty when the input opened and every packet was read.
-    QString error;
+    QString error;  // empty when it opened and every packet was read
     QVector<ProbedStream> streams;
     double duration = 0;  // seconds, as the container tells it
 
-    // The first video stream's pictures, in presentation order, as RGB888.
-    QVector<QImage> decodeVideo(int maxFrames = -1) const;
-    // The first audio stream's samples, interleaved float, at its own rate
-    // and channel count.
-    QVector<float> decodeAudio() const;
-    // Index of the first stream of the type, or -1.
-    int streamIndex(const QString& type) const;
-
 private:
-    void load();
-
     QString path;
-    QByteArray data;
+    QSharedPointer<QTemporaryFile> copy;  // fromData's bytes
 };
+
+// Empty when the middle second of each channel of interleaved `samples` is
+// a clean tone of `hz` (a hundred times the power of nearby frequencies),
+// else what is wrong.
+QString checkTone(const QVector<float>& samples, int channels, int rate, double hz);
 
 } // namespace orvane::test
