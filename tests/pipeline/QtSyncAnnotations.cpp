@@ -7,10 +7,11 @@
 // library's for all calls made from the test executable (our own code is
 // linked into it), call the library's own code, and tell the sanitizer the
 // ordering that code gives:
-//   - QMutex::lock / tryLock acquire, QMutex::unlock releases the mutex;
+//   - QMutex::lock acquires, QMutex::unlock releases the mutex;
 //   - a thread releases its QThread object when it finishes (the `finished`
 //     signal, emitted on that thread after run() has returned), and a
 //     successful QThread::wait acquires it.
+// Only the forms our code calls are here (no tryLock, no wait in milliseconds).
 
 #include <QMutex>
 #include <QThread>
@@ -43,15 +44,6 @@ void QMutex::lock() QT_MUTEX_LOCK_NOEXCEPT
     __tsan_acquire(this);
 }
 
-bool QMutex::tryLock(int timeout) QT_MUTEX_LOCK_NOEXCEPT
-{
-    static const auto tryLock = original<bool (*)(QMutex*, int)>("_ZN6QMutex7tryLockEi");
-    const bool locked = tryLock(this, timeout);
-    if (locked)
-        __tsan_acquire(this);
-    return locked;
-}
-
 void QMutex::unlock() noexcept
 {
     static const auto unlock = original<void (*)(QMutex*)>("_ZN6QMutex6unlockEv");
@@ -70,15 +62,6 @@ bool QThread::wait(QDeadlineTimer deadline)
 {
     static const auto wait = original<bool (*)(QThread*, QDeadlineTimer)>("_ZN7QThread4waitE14QDeadlineTimer");
     const bool ended = wait(this, deadline);
-    if (ended)
-        __tsan_acquire(this);
-    return ended;
-}
-
-bool QThread::wait(unsigned long time)
-{
-    static const auto wait = original<bool (*)(QThread*, unsigned long)>("_ZN7QThread4waitEm");
-    const bool ended = wait(this, time);
     if (ended)
         __tsan_acquire(this);
     return ended;

@@ -1,177 +1,153 @@
-// The plug-in as a host meets it: the module loaded by path, its metadata
-// block, the single instance and the casts by name and IID.
-#include "interface/OpaqueUI.h"
-#include "interface/ScreenReel.h"
+// The plug-in as a host meets it: the module's metadata, its one instance and
+// casts, the screens and audio inputs it lists, and its change watch. Runs on
+// an X display beside a sound server; `videoDevices` also with Qt scaling 1.5.
 #include "plugin/Plugin.h"
+#include "plugin/SpyEvents.h"
 
-#include <QHBoxLayout>
-#include <QLibrary>
-#include <QPluginLoader>
-#include <QPointer>
+#include <QScreen>
 #include <QSignalSpy>
+#include <QWidget>
 #include <QWindow>
 #include <QtTest>
 
-#include <cstring>
-
-using orvane::plugin::interface::OpaqueUI;
-using orvane::plugin::interface::ScreenReel;
+using namespace orvane;
+using plugin::interface::ScreenReel;
 
 class PluginTest : public QObject
 {
     Q_OBJECT
+    QLibrary library{qEnvironmentVariable("SCREENREEL_PLUGIN")};
+    QObject* instance() { return reinterpret_cast<QObject* (*)()>(library.resolve("qt_plugin_instance"))(); }
 
 private slots:
-    void initTestCase();
-    void metadataBlock();
-    void loaderSeesInterfaces();
-    void singleInstance();
-    void metacast_data();
-    void metacast();
-    void createViewOnce();
+    void initTestCase() { QVERIFY2(library.load(), qPrintable(library.errorString())); }
 
-private:
-    using InstanceFunction = QObject* (*)();
-    using MetadataFunction = const char* (*)();
+    void metadataBlock()  // asked before there is an instance
+    {
+        const auto query = reinterpret_cast<const char* (*)()>(library.resolve("qt_plugin_query_metadata"));
+        // Format 0, Qt 5.15, release; a map of the IID and the class name.
+        const QByteArray expected = "QTMETADATA !" + QByteArray::fromHex("00050f00bf0275") + "com.orvane.ScreenReel"
+                                    + QByteArray::fromHex("0366") + "Plugin" + QByteArray::fromHex("ff");
+        QCOMPARE(QByteArray(query(), expected.size()).toHex(' '), expected.toHex(' '));
+    }
 
-    QString path;
-    QLibrary library;
-    InstanceFunction instance = nullptr;
-    MetadataFunction queryMetadata = nullptr;
+    void singleInstance()
+    {
+        QObject* first = QPluginLoader(library.fileName()).instance();
+        QCOMPARE(first, instance());
+        delete first;
+        // Made anew, and whole: its change watch sees a window shown.
+        QSignalSpy changed(qobject_cast<ScreenReel*>(instance()), &ScreenReel::deviceChanged);
+        QCOMPARE(instance(), instance());
+        QWindow window;
+        window.show();
+        QVERIFY(changed.wait(10000));
+    }
+
+    void metacast()
+    {
+        auto* plugin = static_cast<Plugin*>(instance());  // laid out as the one built into this test
+        void* const first = static_cast<ScreenReel*>(plugin);
+        void* const second = static_cast<OpaqueUI*>(plugin);
+        const std::pair<const char*, void*> answers[] = {
+            {"orvane::Plugin", first}, {"com.orvane.ScreenReel", first}, {"orvane::plugin::interface::ScreenReel", first},
+            {"QObject", first}, {"OpaqueUI", second}, {"com.orvane.opaqueui", second},
+            {"com.orvane.screenreel", nullptr}, {nullptr, nullptr}};
+        for (const auto& [name, base] : answers)
+            QVERIFY2(plugin->qt_metacast(name) == base, name ? name : "a null name");
+    }
+
+    void videoDevices()
+    {
+        QCOMPARE(QGuiApplication::primaryScreen()->devicePixelRatio(), qEnvironmentVariable("QT_SCALE_FACTOR", "1").toDouble());
+        QWindow untitled;  // not listed
+        untitled.show();
+        std::vector<std::unique_ptr<QWindow>> windows;
+        for (const char* title : {"Shown", "Hidden", "Twin", "Twin"}) {
+            windows.push_back(std::make_unique<QWindow>());
+            windows.back()->setTitle(title);
+            windows.back()->resize(320, 200);
+            windows.back()->setVisible(qstrcmp(title, "Hidden") != 0);
+        }
+        QVERIFY(QTest::qWaitForWindowExposed(&untitled));
+        const auto devices = Plugin().videoDevices();
+        QCOMPARE(devices.size(), windows.size());
+        for (size_t i = 0; i < devices.size(); ++i) {
+            QCOMPARE(devices[i].window, windows[i].get());
+            QCOMPARE(devices[i].id, QByteArray::number(quintptr(windows[i].get()), 16).rightJustified(16, '0').prepend("{0x") + '}');
+            QCOMPARE(devices[i].name, windows[i]->title());
+            QCOMPARE(devices[i].screen, QByteArray("0"));
+            // The screen's rectangle: its size in native pixels, its origin as Qt has it.
+            QCOMPARE(devices[i].geometry, QRectF(0, 0, 1920, 1080));
+        }
+    }
+
+    void audioDevices()
+    {
+        QStringList listed;
+        for (const auto& d : audioDeviceList({"mic", "line", "mic", "usb", "Usb"}))
+            listed << QString(d.id) + ':' + d.name + (d.first ? "*" : "");
+        // A name seen before is left out, and its id with it; names differ by case.
+        QCOMPARE(listed.join(' '), QString("0:mic* 1:line 3:usb 4:Usb"));
+        QCOMPARE(audioDeviceList({"", ""}).size(), size_t(1));  // no sound server: one unnamed device
+        QVERIFY(audioDeviceList({}).empty());
+
+        // The 5 s poll runs once the host has listed, and sees a new input.
+        Plugin plugin;
+        QSignalSpy changed(&plugin, &ScreenReel::deviceChanged);
+        bool reel = false;
+        for (const auto& d : plugin.audioDevices())
+            reel = reel || d.name == "reel.monitor";
+        QVERIFY(reel);
+        QCOMPARE(QProcess::execute("pactl", {"load-module", "module-null-sink", "sink_name=late"}), 0);
+        QVERIFY2(changed.wait(15000), "the poll missed a new input");
+    }
+
+    void watchedEvents_data()
+    {
+        QTest::addColumn<int>("type");
+        QTest::addColumn<QString>("object");
+        QTest::addColumn<bool>("counts");
+        QTest::newRow("window shown") << int(QEvent::Show) << "window" << true;
+        QTest::newRow("widget shown") << int(QEvent::Show) << "widget" << false;
+        QTest::newRow("window hidden") << int(QEvent::Hide) << "window" << false;
+        QTest::newRow("screen change, no object") << int(QEvent::ScreenChangeInternal) << "" << true;
+    }
+    void watchedEvents()
+    {
+        QFETCH(int, type);
+        QFETCH(QString, object);
+        QFETCH(bool, counts);
+        QWindow window;
+        QWidget widget;
+        SpyEvents spy;
+        QSignalSpy modified(&spy, &SpyEvents::modified);
+        QEvent event{QEvent::Type(type)};
+        QObject* watched = object == "window" ? static_cast<QObject*>(&window) : object == "widget" ? &widget : nullptr;
+        QVERIFY2(!spy.eventFilter(watched, &event), "an event swallowed");
+        QCOMPARE(modified.count(), int(counts));
+    }
+
+    void burstGivesOneSignal()
+    {
+        Plugin plugin;
+        QSignalSpy changed(&plugin, &ScreenReel::deviceChanged);
+        QWindow window;
+        QElapsedTimer sinceLast;
+        for (int i = 0; i < 4; ++i) {  // 200 ms apart: more than the 500 ms of the debounce in all
+            QTest::qWait(200);
+            if (i > 0 && sinceLast.elapsed() > 450)
+                QSKIP("too busy to keep a burst together");
+            QShowEvent show;
+            QCoreApplication::sendEvent(&window, &show);
+            sinceLast.start();
+        }
+        QVERIFY(changed.isEmpty());
+        QVERIFY(changed.wait(10000));
+        QVERIFY2(sinceLast.elapsed() >= 450, "signalled before the burst was over");
+        QVERIFY(!changed.wait(1500));
+    }
 };
-
-void PluginTest::initTestCase()
-{
-    path = qEnvironmentVariable("SCREENREEL_PLUGIN");
-    QVERIFY2(!path.isEmpty(), "SCREENREEL_PLUGIN names no module");
-    library.setFileName(path);
-    QVERIFY2(library.load(), qPrintable(library.errorString()));
-    queryMetadata = reinterpret_cast<MetadataFunction>(library.resolve("qt_plugin_query_metadata"));
-    instance = reinterpret_cast<InstanceFunction>(library.resolve("qt_plugin_instance"));
-    QVERIFY(queryMetadata);
-    QVERIFY(instance);
-}
-
-void PluginTest::metadataBlock()
-{
-    // Asked before any instance exists.
-    QByteArray expected("QTMETADATA !");
-    expected += QByteArray::fromHex("00050f00");       // format 0, Qt 5.15, release
-    expected += QByteArray::fromHex("bf02");           // map; key IID
-    expected += char(0x60 + 21) + QByteArray("com.orvane.ScreenReel");
-    expected += char(0x03);                            // key class name
-    expected += char(0x60 + 6) + QByteArray("Plugin");
-    expected += char(0xff);                            // end of map
-    QCOMPARE(expected.size(), 49);
-
-    const char* block = queryMetadata();
-    QVERIFY(block);
-    QCOMPARE(QByteArray(block, expected.size()).toHex(' '), expected.toHex(' '));
-    QCOMPARE(queryMetadata(), block);
-}
-
-void PluginTest::loaderSeesInterfaces()
-{
-    QPluginLoader loader(path);
-    const QJsonObject meta = loader.metaData();
-    QCOMPARE(meta.value("IID").toString(), QStringLiteral("com.orvane.ScreenReel"));
-    QCOMPARE(meta.value("className").toString(), QStringLiteral("Plugin"));
-    QCOMPARE(meta.value("debug").toBool(), false);
-    QVERIFY(!meta.contains("MetaData"));
-
-    QObject* object = loader.instance();
-    QVERIFY2(object, qPrintable(loader.errorString()));
-    QCOMPARE(object, instance());
-    QVERIFY(qobject_cast<ScreenReel*>(object));
-    QVERIFY(qobject_cast<OpaqueUI*>(object));
-}
-
-void PluginTest::singleInstance()
-{
-    QPointer<QObject> first = instance();
-    QVERIFY(first);
-    QCOMPARE(instance(), first.data());
-
-    delete first.data();
-    QVERIFY(first.isNull());
-
-    // The new object is fully built: its change watch notices a window.
-    QObject* second = instance();
-    QVERIFY(second);
-    QCOMPARE(instance(), second);
-    auto* reel = qobject_cast<ScreenReel*>(second);
-    QVERIFY(reel);
-    QSignalSpy changed(reel, &ScreenReel::deviceChanged);
-    QWindow window;
-    window.show();
-    QVERIFY(changed.wait(10000));
-}
-
-void PluginTest::metacast_data()
-{
-    QTest::addColumn<QByteArray>("name");
-    QTest::addColumn<QString>("answer");
-
-    QTest::newRow("class name gives the first base") << QByteArray("orvane::Plugin") << "first";
-    QTest::newRow("first IID gives the first base") << QByteArray("com.orvane.ScreenReel") << "first";
-    QTest::newRow("OpaqueUI gives the second base") << QByteArray("OpaqueUI") << "second";
-    QTest::newRow("second IID gives the second base") << QByteArray("com.orvane.opaqueui") << "second";
-    QTest::newRow("interface class answers for itself")
-        << QByteArray("orvane::plugin::interface::ScreenReel") << "first";
-    QTest::newRow("QObject is answered by the base") << QByteArray("QObject") << "first";
-    QTest::newRow("IID in other case is unknown") << QByteArray("com.orvane.screenreel") << "null";
-    QTest::newRow("unknown name") << QByteArray("orvane::Pipeline") << "null";
-    QTest::newRow("null name") << QByteArray() << "null";
-}
-
-void PluginTest::metacast()
-{
-    QFETCH(QByteArray, name);
-    QFETCH(QString, answer);
-
-    QObject* object = instance();
-    // The module's Plugin is laid out as the one compiled into this test.
-    auto* plugin = static_cast<orvane::Plugin*>(object);
-    void* first = static_cast<ScreenReel*>(plugin);
-    void* second = static_cast<OpaqueUI*>(plugin);
-    QVERIFY(first != second);
-
-    void* expected = answer == "first" ? first : answer == "second" ? second : nullptr;
-    QCOMPARE(object->qt_metacast(name.isNull() ? nullptr : name.constData()), expected);
-}
-
-void PluginTest::createViewOnce()
-{
-    auto* ui = qobject_cast<OpaqueUI*>(instance());
-    QVERIFY(ui);
-    QWidget host;
-    auto* layout = new QHBoxLayout(&host);
-    auto* other = new QHBoxLayout;
-    layout->addLayout(other);
-
-    ui->createView(layout, false);
-    QCOMPARE(layout->count(), 2);
-    QPointer<QWidget> view = layout->itemAt(1)->widget();
-    QVERIFY(view);
-    QCOMPARE(view->parentWidget(), &host);
-
-    // Another layout and another flag change nothing.
-    ui->createView(other, true);
-    QCOMPARE(other->count(), 0);
-    QCOMPARE(layout->count(), 2);
-
-    // Destroyed by its host, the next call builds a new one.
-    delete view.data();
-    QCOMPARE(layout->count(), 1);
-    ui->createView(other, true);
-    QCOMPARE(other->count(), 1);
-    QVERIFY(other->itemAt(0)->widget());
-
-    // The Plugin owns the widget too: deleting the Plugin takes it along.
-    QPointer<QWidget> second = other->itemAt(0)->widget();
-    delete instance();
-    QVERIFY(second.isNull());
-}
 
 QTEST_MAIN(PluginTest)
 #include "PluginTest.moc"

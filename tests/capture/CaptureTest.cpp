@@ -1,0 +1,225 @@
+// Which screen grabber is taken, openInput on lavfi graphs, and the
+// VideoWorker grabbing a real X display that shows four coloured quadrants.
+#include "capture/GrabberChoice.h"
+#include "capture/OpenInput.h"
+#include "capture/VideoWorker.h"
+#include "pipeline/Pipeline.h"
+#include "plugin/Plugin.h"
+
+#include <QCursor>
+#include <QPainter>
+#include <QRasterWindow>
+#include <QtTest>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavdevice/avdevice.h>
+#include <libavformat/avformat.h>
+}
+
+using namespace orvane;
+using plugin::interface::VideoDevice;
+
+namespace {
+
+class Scene : public QRasterWindow
+{
+    void paintEvent(QPaintEvent*) override
+    {
+        QPainter painter(this);
+        painter.fillRect(0, 0, 960, 540, Qt::red);
+        painter.fillRect(960, 0, 960, 540, Qt::green);
+        painter.fillRect(0, 540, 960, 540, Qt::blue);
+        painter.fillRect(960, 540, 960, 540, Qt::white);
+    }
+};
+
+// Keeps the newest image. A new one in the buffer of the image it still
+// holds would be a handed-over image written again.
+class Keeper : public Target
+{
+public:
+    using Target::Target;
+    bool start() override { return true; }
+    void stop() override {}
+    std::chrono::milliseconds recordedTime() override { return {}; }
+    void writeAudio(const QByteArray&, qint64) override {}
+    void writeVideo(const QImage& image) override
+    {
+        rewritten += image.constBits() == latest.constBits();
+        latest = image;
+        ++count;
+    }
+    QImage latest;  // the video thread's until it has ended
+    std::atomic<int> count{0};
+    int rewritten = 0;
+};
+
+// Opens a lavfi graph as a worker does and frees what was made: the index of
+// the stream opened, or -1.
+int openGraph(const QByteArray& graph, int type)
+{
+    int stream = -1;
+    AVFormatContext* format = nullptr;
+    const AVCodec* codec = nullptr;
+    AVCodecContext* context = nullptr;
+    AVPacket* packet = nullptr;
+    AVFrame* frame = nullptr;
+    if (!openInput(graph.constData(), "Screen 1", &stream, nullptr, av_find_input_format("lavfi"), &format, &codec,
+                   &context, &packet, &frame, AVMediaType(type)) || !avcodec_is_open(context) || !packet || !frame)
+        stream = -1;
+    av_frame_free(&frame);
+    av_packet_free(&packet);
+    avcodec_free_context(&context);
+    avformat_close_input(&format);
+    return stream;
+}
+
+int messages = 0;
+const char* const fallback = "Falling back to gdigrab because d3d11va is not available...";
+
+} // namespace
+
+class CaptureTest : public QObject
+{
+    Q_OBJECT
+    Scene scene;
+    VideoDevice device;
+
+private slots:
+    void initTestCase()
+    {
+        avdevice_register_all();
+        av_log_set_level(AV_LOG_FATAL);
+        scene.setTitle("Quadrants");
+        scene.setFlags(Qt::Window | Qt::FramelessWindowHint);
+        scene.setGeometry(0, 0, 1920, 1080);
+        scene.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&scene));
+        QCursor::setPos(480, 810);  // the grabber draws the pointer: away from what is sampled
+        for (const VideoDevice& d : Plugin().videoDevices())
+            if (d.name == scene.title())
+                device = d;
+        QCOMPARE(device.geometry, QRectF(0, 0, 1920, 1080));
+    }
+
+    void route_data()
+    {
+        QTest::addColumn<QString>("version");
+        QTest::addColumn<bool>("probe");
+        QTest::addColumn<QStringList>("adapters");  // "vendor id in hex|description"
+        QTest::addColumn<bool>("duplication");
+        const QStringList none;
+        QTest::newRow("10, probe made, integrated GPU") << "10" << true << QStringList{"8086|Intel(R) UHD"} << true;
+        QTest::newRow("8 is new enough") << "8" << true << none << true;
+        QTest::newRow("7 is too old") << "7" << true << none << false;
+        QTest::newRow("8.1 is no whole number") << "8.1" << true << none << false;
+        QTest::newRow("probe failed") << "10" << false << none << false;
+        QTest::newRow("NVIDIA anywhere") << "10" << true << QStringList{"8086|Intel(R) UHD", "10de|"} << false;
+        QTest::newRow("Intel without the word, then AMD with rx")
+            << "10" << true << QStringList{"8086|Intel(R) Iris(R) Xe", "1002|Radeon rx 6600"} << false;
+        QTest::newRow("AMD without RX") << "10" << true << QStringList{"1002|AMD Radeon(TM) Graphics"} << true;
+        QTest::newRow("AMD's other id, RX") << "10" << true << QStringList{"1022|Radeon RX Vega"} << false;
+        QTest::newRow("Intel, Dedicated inside a word") << "10" << true << QStringList{"8086|Undedicatedness"} << false;
+        QTest::newRow("the words belong to their vendor")
+            << "10" << true << QStringList{"1002|Dedicated", "8086|RX", "1234|RX"} << true;
+        QTest::newRow("low byte of each unit: U+0152 is R") << "10" << true << QStringList{"1002|\u0152x"} << false;
+    }
+    void route()
+    {
+        QFETCH(QString, version);
+        QFETCH(bool, probe);
+        QFETCH(QStringList, adapters);
+        QFETCH(bool, duplication);
+        std::vector<DisplayAdapter> list;
+        for (const QString& adapter : adapters)
+            list.push_back({adapter.section('|', 0, 0).toUInt(nullptr, 16), adapter.section('|', 1)});
+        QCOMPARE(useDuplicationGrabber(version, probe, hasDedicatedGpu(list)), duplication);
+    }
+
+    void openInput_data()
+    {
+        QTest::addColumn<QByteArray>("graph");
+        QTest::addColumn<int>("type");
+        QTest::addColumn<int>("stream");
+        QTest::addColumn<QString>("warning");
+        const int video = AVMEDIA_TYPE_VIDEO, audio = AVMEDIA_TYPE_AUDIO;
+        const QString noStream = "Unable to find video stream for device [ \"Screen 1\" ]";
+        QTest::newRow("video") << QByteArray("testsrc") << video << 0 << "";
+        QTest::newRow("two video outputs: the later") << QByteArray("testsrc[out0];testsrc[out1]") << video << 1 << "";
+        QTest::newRow("audio behind video") << QByteArray("testsrc[out0];sine[out1]") << audio << 1 << "";
+        QTest::newRow("no such input") << QByteArray("nosuch") << video << -1 << "unable to open device [ \"Screen 1\" ]";
+        QTest::newRow("audio from video alone") << QByteArray("testsrc") << audio << -1 << noStream;
+        QTest::newRow("video from audio alone") << QByteArray("sine") << video << -1 << noStream;
+    }
+    void openInput()
+    {
+        QFETCH(QByteArray, graph);
+        QFETCH(int, type);
+        QFETCH(int, stream);
+        QFETCH(QString, warning);
+        if (!warning.isEmpty())
+            QTest::ignoreMessage(QtWarningMsg, qPrintable(warning));
+        QCOMPARE(openGraph(graph, type), stream);
+        // With the category's warnings off it says nothing.
+        QLoggingCategory::setFilterRules("screenreel.warning=false");
+        const auto previous = qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) { ++messages; });
+        messages = 0;
+        const int again = openGraph(graph, type);
+        qInstallMessageHandler(previous);
+        QLoggingCategory::setFilterRules(QString());
+        QCOMPARE(again, stream);
+        QCOMPARE(messages, 0);
+    }
+
+    void regions_data()
+    {
+        QTest::addColumn<QRect>("region");
+        QTest::addColumn<QString>("corners");  // 10 px in from each: blacK, Red, Green, Blue, White
+        QTest::newRow("whole screen") << QRect(0, 0, 1920, 1080) << "RGBW";
+        QTest::newRow("across the centre") << QRect(900, 500, 120, 80) << "RGBW";
+        QTest::newRow("sticking out right and below: black outside") << QRect(1860, 1040, 120, 80) << "WKKK";
+        QTest::newRow("sticking out left and above") << QRect(-20, -20, 100, 100) << "KKKR";
+        QTest::newRow("screen's size elsewhere: neither cut nor moved") << QRect(100, 100, 1920, 1080) << "RGBW";
+    }
+    void regions()
+    {
+        QFETCH(QRect, region);
+        QFETCH(QString, corners);
+        QTest::ignoreMessage(QtDebugMsg, fallback);
+        Pipeline pipeline(nullptr, nullptr);
+        pipeline.video = std::make_unique<VideoWorker>(device, region, &pipeline);
+        auto* target = new Keeper(&pipeline);
+        pipeline.target.reset(target);
+        QCOMPARE(pipeline.video->videoSize(), region.size());
+        QVERIFY(pipeline.start());
+        QTRY_VERIFY_WITH_TIMEOUT(target->count >= 10, 30000);
+        pipeline.stop();
+        QCOMPARE(target->rewritten, 0);
+        const QImage& image = target->latest;
+        QCOMPARE(image.format(), QImage::Format_BGR888);
+        QCOMPARE(image.size(), region.size());
+        const QColor colours[] = {Qt::black, Qt::red, Qt::green, Qt::blue, Qt::white};
+        const int right = image.width() - 11, bottom = image.height() - 11;
+        const QPoint points[] = {{10, 10}, {right, 10}, {10, bottom}, {right, bottom}};
+        for (int i = 0; i < 4; ++i)
+            QCOMPARE(image.pixelColor(points[i]), colours[QString("KRGBW").indexOf(corners[i])]);
+    }
+
+    void refusedDevice()
+    {
+        VideoDevice huge = device;
+        huge.name = "Huge";
+        huge.geometry = QRectF(0, 0, 4000, 3000);  // larger than the X screen
+        QTest::ignoreMessage(QtDebugMsg, fallback);
+        QTest::ignoreMessage(QtWarningMsg, "unable to open device [ \"Huge\" ]");
+        Pipeline pipeline(nullptr, nullptr);
+        pipeline.video = std::make_unique<VideoWorker>(huge, QRect(0, 0, 640, 480), &pipeline);
+        pipeline.target = std::make_unique<Keeper>(&pipeline);
+        QCOMPARE(pipeline.video->videoSize(), QSize(0, 0));
+        QVERIFY(!pipeline.start());
+    }
+};
+
+QTEST_MAIN(CaptureTest)
+#include "CaptureTest.moc"
