@@ -1,4 +1,4 @@
-// Linked into the tests of thread-sanitized builds only.
+// Linked into every test of a thread-sanitized build (see tests/CMakeLists.txt).
 //
 // Qt 5 is not built with the thread sanitizer, and its QMutex and the join in
 // QThread::wait go through futexes that the sanitizer cannot see: every
