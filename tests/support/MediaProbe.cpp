@@ -5,6 +5,7 @@
 #include <QJsonObject>
 #include <QProcess>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <utility>
@@ -39,7 +40,8 @@ MediaProbe MediaProbe::fromFile(const QString& path)
         const QStringList base = s["time_base"].toString().split('/');
         probe.streams.append({s["codec_type"].toString(), s["codec_name"].toString(), s["pix_fmt"].toString(),
                               s["width"].toInt(), s["height"].toInt(), s["sample_rate"].toString().toInt(),
-                              s["channels"].toInt(), base.value(0).toDouble() / base.value(1).toDouble(), {}});
+                              s["channels"].toInt(), base.value(0).toDouble() / base.value(1).toDouble(),
+                              s["duration"].toString().toDouble(), {}});
     }
     for (const QJsonValue p : json["packets"].toArray()) {
         probe.streams[p["stream_index"].toInt()].packets.append(
@@ -61,11 +63,8 @@ MediaProbe MediaProbe::fromData(const QByteArray& data)
 
 int MediaProbe::streamIndex(const QString& type) const
 {
-    for (int i = 0; i < streams.size(); ++i) {
-        if (streams[i].type == type)
-            return i;
-    }
-    return -1;
+    const auto found = std::find_if(streams.begin(), streams.end(), [&](const ProbedStream& s) { return s.type == type; });
+    return found == streams.end() ? -1 : int(found - streams.begin());
 }
 
 QVector<QImage> MediaProbe::decodeVideo() const

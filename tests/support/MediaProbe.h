@@ -21,6 +21,7 @@ struct ProbedStream
     int width = 0, height = 0;         // video
     int sampleRate = 0, channels = 0;  // audio
     double timeBase = 0;  // seconds per unit
+    double duration = 0;  // seconds, as the container tells it
     QVector<ProbedPacket> packets;  // in file order
 };
 
