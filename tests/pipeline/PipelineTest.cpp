@@ -30,14 +30,12 @@ struct Script
     }
 };
 
-// A part with a worker thread that looks at the interruption request once a
-// pass; a source hands on a small image at each. A source has the consumer's
-// functions as plain members.
-template <class Base>
-class Part : public QThread, public Base
+// Any part of a pipeline, with a worker thread that looks at the interruption
+// request once a pass; the video hands on a small image at each.
+class Part : public QThread, public Source, public Target
 {
 public:
-    Part(const QString& name, Script& script, Pipeline* p) : Base(p), name(name), script(script) {}
+    Part(const QString& name, Script& script, Pipeline* p) : Source(p), Target(p), name(name), script(script) {}
     bool start() override
     {
         script.add(name + ".start");
@@ -50,9 +48,9 @@ public:
         script.add(name + ".stop");
         stopThread(*this);
     }
-    std::chrono::milliseconds recordedTime() { return {}; }
-    void writeVideo(const QImage&) { ++images; }
-    void writeAudio(const QByteArray&, qint64) {}
+    std::chrono::milliseconds recordedTime() override { return {}; }
+    void writeVideo(const QImage&) override { ++images; }
+    void writeAudio(const QByteArray&, qint64) override {}
     std::atomic<int> images{0};
 
 private:
@@ -64,10 +62,10 @@ private:
                 for (++script.arrived; script.arrived < script.giving.size();)
                     yieldCurrentThread();
                 script.add(name + ".abort");
-                Base::abort();
+                name == "target" ? Target::abort() : Source::abort();
             }
-            if constexpr (std::is_same_v<Base, Source>)
-                this->pushImage(QImage(8, 6, QImage::Format_BGR888));
+            if (name == "video")
+                pushImage(QImage(8, 6, QImage::Format_BGR888));
         }
         msleep(name == "target" ? script.targetEndsMs : 0);
     }
@@ -75,16 +73,17 @@ private:
     Script& script;
 };
 
-// A pipeline of parts (audio only without a preview), and a receiver on the GUI thread that journals its
-// signals and deletes it when it stops, as the plug-in does.
+// A pipeline of parts (audio only without a preview), and a receiver on the
+// GUI thread that journals its signals and deletes it when it stops, as the
+// plug-in does.
 struct Rig
 {
     explicit Rig(BufferView* view = nullptr) : pipeline(new Pipeline(view, nullptr))
     {
         if (!view)
-            pipeline->audio = std::make_unique<Part<Source>>("audio", script, pipeline);
-        pipeline->video.reset(video = new Part<Source>("video", script, pipeline));
-        pipeline->target.reset(target = new Part<Target>("target", script, pipeline));
+            pipeline->audio = std::make_unique<Part>("audio", script, pipeline);
+        pipeline->video.reset(video = new Part("video", script, pipeline));
+        pipeline->target.reset(target = new Part("target", script, pipeline));
         QObject::connect(pipeline, &Pipeline::startedChanged, &receiver, [this] { script.add("started"); });
         QObject::connect(pipeline, &Pipeline::stopedChanged, &receiver, [this] {
             script.add(QThread::currentThread() == receiver.thread() ? "stopped" : "stopped off the GUI thread");
@@ -96,8 +95,8 @@ struct Rig
     Script script;
     QObject receiver;
     Pipeline* pipeline;
-    Part<Source>* video = nullptr;
-    Part<Target>* target = nullptr;
+    Part* video = nullptr;
+    Part* target = nullptr;
 };
 
 const QString allStop = "video.stop audio.stop target.stop stopped";

@@ -95,10 +95,8 @@ private slots:
         // The 5 s poll runs once the host has listed, and sees a new input.
         Plugin plugin;
         QSignalSpy changed(&plugin, &ScreenReel::deviceChanged);
-        bool reel = false;
-        for (const auto& d : plugin.audioDevices())
-            reel = reel || d.name == "reel.monitor";
-        QVERIFY(reel);
+        const auto inputs = plugin.audioDevices();
+        QVERIFY(std::any_of(inputs.begin(), inputs.end(), [](const auto& d) { return d.name == "reel.monitor"; }));
         QCOMPARE(QProcess::execute("pactl", {"load-module", "module-null-sink", "sink_name=late"}), 0);
         QVERIFY2(changed.wait(15000), "the poll missed a new input");
     }
