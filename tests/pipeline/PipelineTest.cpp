@@ -1,10 +1,7 @@
 #include "pipeline/Pipeline.h"
 #include "preview/BufferView.h"
 
-#include <QImage>
-#include <QPointer>
-#include <QTest>
-#include <QThread>
+#include <QtTest>
 
 #include <atomic>
 #include <mutex>

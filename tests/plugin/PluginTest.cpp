@@ -5,7 +5,6 @@
 #include "plugin/SpyEvents.h"
 
 #include <QScreen>
-#include <QSignalSpy>
 #include <QWidget>
 #include <QWindow>
 #include <QtTest>
