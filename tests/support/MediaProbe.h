@@ -41,7 +41,7 @@ public:
     // The first audio stream's samples, interleaved, at its own rate.
     QVector<float> decodeAudio() const;
 
-    QString error;  // empty when it opened and every packet was read
+    QString error;  // what ffprobe complained of; empty for a whole, sound file
     QVector<ProbedStream> streams;
     double duration = 0;  // seconds, as the container tells it
 
