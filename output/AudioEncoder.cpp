@@ -95,46 +95,25 @@ bool openAudioStream(MuxerOutput& output)
     return true;
 }
 
-void encodeAudioStep(MuxerOutput& output)
+namespace {
+
+// Converts `count` samples per channel and hands every whole frame that comes
+// out to the encoder. A null `planes` empties the resampler. The encoder takes
+// whole frames only: a short rest stays in audioFrame until more comes, since
+// handing it in short would replay the tail of the frame before.
+void resample(MuxerOutput& output, const uint8_t** planes, int count)
 {
-    AudioChunk chunk;
-    {
-        QMutexLocker lock(&output.mutex);
-        if (!output.audioFormat)
-            return;
-        if (!output.audioQueue.isEmpty()) {
-            chunk = output.audioQueue.takeFirst();
-            output.queuedSamples -= chunk.sampleCount;
-        }
-    }
-
-    // A planar source carries its planes one after the other in the chunk.
-    const AudioFormat& format = *output.audioFormat;
-    const int planeCount = av_sample_fmt_is_planar(format.sampleFormat) ? format.channels : 1;
-    // Never null, even when empty: a null input would flush the resampler.
-    const uint8_t* planes[AV_NUM_DATA_POINTERS] = {};
-    const int planeSize = chunk.samples.size() / qMax(planeCount, 1);
-    const auto* data = reinterpret_cast<const uint8_t*>(chunk.samples.constData());
-    for (int i = 0; i < planeCount && i < AV_NUM_DATA_POINTERS; ++i)
-        planes[i] = data + i * planeSize;
-
-    // The encoder takes whole frames only: a short rest stays in audioFrame
-    // and the next chunk fills it up. Handing it in short would replay the
-    // tail of the frame before.
-    const int bytesPerSample = av_get_bytes_per_sample(AVSampleFormat(output.audioFrame->format));
-    const int perPlane = av_sample_fmt_is_planar(AVSampleFormat(output.audioFrame->format))
-                             ? 1
-                             : output.audioFrame->ch_layout.nb_channels;
-    int inputCount = int(chunk.sampleCount);
+    const auto format = AVSampleFormat(output.audioFrame->format);
+    const int bytesPerSample = av_get_bytes_per_sample(format)
+                               * (av_sample_fmt_is_planar(format) ? 1 : output.audioFrame->ch_layout.nb_channels);
     for (;;) {
         output.audioFrame->nb_samples = output.audioFrameSize;
         uint8_t* outPlanes[AV_NUM_DATA_POINTERS] = {};
-        const int offset = output.audioFrameFill * bytesPerSample * perPlane;
+        const int offset = output.audioFrameFill * bytesPerSample;
         for (int i = 0; i < AV_NUM_DATA_POINTERS && output.audioFrame->data[i]; ++i)
             outPlanes[i] = output.audioFrame->data[i] + offset;
         const int converted = swr_convert(output.resampler, outPlanes,
-                                          output.audioFrameSize - output.audioFrameFill,
-                                          planes, inputCount);
+                                          output.audioFrameSize - output.audioFrameFill, planes, count);
         if (converted == 0)
             break;
         if (converted < 0) {
@@ -142,7 +121,7 @@ void encodeAudioStep(MuxerOutput& output)
             break;
         }
         // What the resampler still holds comes out with an empty input.
-        inputCount = 0;
+        count = 0;
         output.audioFrameFill += converted;
         if (output.audioFrameFill < output.audioFrameSize)
             continue;
@@ -154,6 +133,67 @@ void encodeAudioStep(MuxerOutput& output)
         encodeFrame(output.formatContext, output.audioContext, output.audioStream,
                     output.audioFrame, output.audioPacket);
     }
+}
+
+// Takes the oldest chunk off the queue; false when there is none.
+bool takeChunk(MuxerOutput& output, AudioChunk* chunk)
+{
+    QMutexLocker lock(&output.mutex);
+    if (!output.audioFormat || output.audioQueue.isEmpty())
+        return false;
+    *chunk = output.audioQueue.takeFirst();
+    output.queuedSamples -= chunk->sampleCount;
+    return true;
+}
+
+void encodeChunk(MuxerOutput& output, const AudioChunk& chunk)
+{
+    // A planar source carries its planes one after the other in the chunk.
+    const AudioFormat& format = *output.audioFormat;
+    const int planeCount = av_sample_fmt_is_planar(format.sampleFormat) ? format.channels : 1;
+    // Never null, even when empty: a null input would empty the resampler.
+    const uint8_t* planes[AV_NUM_DATA_POINTERS] = {};
+    const int planeSize = chunk.samples.size() / qMax(planeCount, 1);
+    const auto* data = reinterpret_cast<const uint8_t*>(chunk.samples.constData());
+    for (int i = 0; i < planeCount && i < AV_NUM_DATA_POINTERS; ++i)
+        planes[i] = data + i * planeSize;
+    resample(output, planes, int(chunk.sampleCount));
+}
+
+} // namespace
+
+void encodeAudioStep(MuxerOutput& output)
+{
+    if (!output.audioFormat)
+        return;
+    AudioChunk chunk;
+    takeChunk(output, &chunk);
+    encodeChunk(output, chunk);
+}
+
+void finishAudio(MuxerOutput& output)
+{
+    if (!output.audioContext || !output.resampler || !output.audioFrame)
+        return;
+    // All the sound the producer delivered before it stopped belongs in the
+    // file, up to its last sample: the rest of the queue, what the resampler
+    // holds, the short last frame and what the encoder still delays.
+    AudioChunk chunk;
+    while (takeChunk(output, &chunk))
+        encodeChunk(output, chunk);
+    resample(output, nullptr, 0);
+    if (output.audioFrameFill > 0) {
+        output.audioFrame->nb_samples = output.audioFrameFill;
+        output.audioSampleCount += uint64_t(output.audioFrameFill);
+        output.audioFrameFill = 0;
+        output.audioFrame->pts = av_rescale_q(int64_t(output.audioSampleCount),
+                                              output.audioContext->time_base,
+                                              output.audioStream->time_base);
+        encodeFrame(output.formatContext, output.audioContext, output.audioStream,
+                    output.audioFrame, output.audioPacket);
+    }
+    encodeFrame(output.formatContext, output.audioContext, output.audioStream, nullptr,
+                output.audioPacket);
 }
 
 } // namespace orvane

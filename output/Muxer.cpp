@@ -155,6 +155,7 @@ void finish(MuxerOutput& output)
     if (output.finished)
         return;
     output.finished = true;
+    finishAudio(output);
     while (true) {
         avcodec_send_frame(output.videoContext, nullptr);
         if (avcodec_receive_packet(output.videoContext, output.videoPacket) != 0)

@@ -87,7 +87,9 @@ bool openAudioStream(MuxerOutput& output);
 // One tick's work on the Muxer thread.
 void encodeVideoStep(MuxerOutput& output);
 void encodeAudioStep(MuxerOutput& output);
-// Drains the video encoder and writes the trailer, once.
+// Encodes all the sound still waiting, to its last sample.
+void finishAudio(MuxerOutput& output);
+// Ends both tracks and writes the trailer, once.
 void finish(MuxerOutput& output);
 // Under mutex, Muxer thread: lets the video clock catch up with the audio
 // clock by a jump of ten frames. True when it jumped.
