@@ -97,7 +97,7 @@ private slots:
         const auto inputs = plugin.audioDevices();
         QVERIFY(std::any_of(inputs.begin(), inputs.end(), [](const auto& d) { return d.name == "reel.monitor"; }));
         QCOMPARE(QProcess::execute("pactl", {"load-module", "module-null-sink", "sink_name=late"}), 0);
-        QVERIFY2(changed.wait(15000), "the poll missed a new input");
+        QVERIFY2(changed.wait(30000), "the poll missed a new input");
     }
 
     void watchedEvents()
