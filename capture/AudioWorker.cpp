@@ -30,6 +30,7 @@ constexpr int endStreamTimeoutMs = 5000;
 // long the answer may take.
 constexpr int deviceCheckMs = 1000;
 constexpr int deviceCheckTimeoutMs = 250;
+constexpr int64_t pictureLatencyUs = 100000;
 
 } // namespace
 
@@ -154,8 +155,13 @@ void AudioWorker::run()
     // the recording was set up: what it captured before this thread started
     // would put the sound behind the picture by that time. It is cut off by
     // the capture times, where the input gives them on the system clock.
+    // The picture reaches the file about 100 ms after it was on the screen:
+    // its first frame is stamped one frame in, the Muxer takes the newest
+    // image once a tick, and grabbing and converting take the rest. Sound is
+    // kept from that long before the start, so that the two line up
+    // (measured against a recorder that keeps each device's capture times).
     bool trimming = platform::audioTimestampsAreWallClock();
-    const int64_t started = av_gettime();
+    const int64_t started = av_gettime() - pictureLatencyUs;
     const AVRational timeBase = in.formatContext->streams[in.streamIndex]->time_base;
     const auto samplesBeforeStart = [&](const AVFrame* frame) {
         if (!trimming)
