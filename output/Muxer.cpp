@@ -93,6 +93,10 @@ bool MuxerOutput::setUp()
         ioContext->seekable = 0;
     formatContext->pb = ioContext;
     formatContext->flags = AVFMT_FLAG_CUSTOM_IO;
+    // A reader at the other end of a pipe gets each fragment as it is done,
+    // not whenever the I/O buffer happens to fill.
+    if (sequential)
+        formatContext->flush_packets = 1;
 
     if (!openVideoStream(*this)) {
         qCWarning(lcScreenReel) << "Failed to init muxer video";
