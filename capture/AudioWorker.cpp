@@ -151,17 +151,14 @@ void AudioWorker::run()
         return;
     }
     AudioInput& in = *input;
-    // The device has been capturing since it was opened, while the rest of
-    // the recording was set up: what it captured before this thread started
-    // would put the sound behind the picture by that time. It is cut off by
-    // the capture times, where the input gives them on the system clock.
-    // The picture reaches the file about 100 ms after it was on the screen:
-    // its first frame is stamped one frame in, the Muxer takes the newest
-    // image once a tick, and grabbing and converting take the rest. Sound is
-    // kept from that long before the start, so that the two line up
-    // (measured against a recorder that keeps each device's capture times).
+    // The device has captured since it was opened, while the rest of the
+    // recording was set up; that sound would lag the picture by the set-up
+    // time. It is cut off by its capture times (where they are on the system
+    // clock), keeping the picture's own latency of about 100 ms: its first
+    // frame is stamped one frame in, the Muxer samples the newest image once
+    // a tick, and grabbing and converting take the rest.
     bool trimming = platform::audioTimestampsAreWallClock();
-    const int64_t started = av_gettime() - pictureLatencyUs;
+    const int64_t keepFrom = av_gettime() - pictureLatencyUs;
     const AVRational timeBase = in.formatContext->streams[in.streamIndex]->time_base;
     const auto samplesBeforeStart = [&](const AVFrame* frame) {
         if (!trimming)
@@ -170,9 +167,9 @@ void AudioWorker::run()
         if (frame->pts == AV_NOPTS_VALUE || frame->sample_rate <= 0)
             return 0;
         const int64_t captured = av_rescale_q(frame->pts, timeBase, AV_TIME_BASE_Q);
-        if (captured >= started)
+        if (captured >= keepFrom)
             return 0;
-        const int64_t before = av_rescale(started - captured, frame->sample_rate, AV_TIME_BASE);
+        const int64_t before = av_rescale(keepFrom - captured, frame->sample_rate, AV_TIME_BASE);
         // A frame that lies wholly before the start keeps the trimming on.
         trimming = before >= frame->nb_samples;
         return int(qMin<int64_t>(before, frame->nb_samples));
