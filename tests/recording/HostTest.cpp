@@ -81,7 +81,9 @@ private slots:
         QVERIFY2(streams.size() == 2 && streams[0].startsWith("h264,1920,1080,") && streams[1].startsWith("aac,")
                      && streams[0].section(',', 4).toInt() > 0 && streams[1].section(',', 2).toInt() > 0,
                  qPrintable(streams.join(" / ") + reader.readAllStandardError()));
-        QVERIFY2(killed || qAbs(streams[0].section(',', 3, 3).toDouble() - 3) < 1.0, qPrintable(streams[0]));
+        // A sanitized build cannot keep the pace, so its length says nothing.
+        const bool paced = qEnvironmentVariableIsEmpty("SCREENREEL_SANITIZED");
+        QVERIFY2(killed || !paced || qAbs(streams[0].section(',', 3, 3).toDouble() - 3) < 1.0, qPrintable(streams[0]));
     }
 };
 
