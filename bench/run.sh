@@ -4,6 +4,8 @@
 #   bench/run.sh record [options]   recording cost against other recorders (record-bench.sh)
 #   bench/run.sh sync [options]     sound against picture over a long recording (sync-bench.sh)
 #   bench/run.sh pacing [options]   tick rate of the Muxer loop (pacing-bench; default 600 s)
+#   bench/run.sh longrun [SECONDS]  memory, sound lag and output of a long recording (default 600 s)
+#   bench/run.sh stress [COUNT]     start/stop stress through the plug-in (default 200)
 #   bench/run.sh all [--long]       waits for a quiet machine, then record, sync 60 s, pacing
 #                                   600 s (and sync 600 s with --long), into build/bench-out/all.log
 #
@@ -14,7 +16,7 @@ here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 source "$here/common.sh"
 
 usage() {
-    sed -n '2,11s/^# \{0,1\}//p' "$0"
+    sed -n '2,13s/^# \{0,1\}//p' "$0"
     exit "${1:-0}"
 }
 
@@ -24,6 +26,8 @@ shift
 case "$which" in
     record) exec "$here/record-bench.sh" "$@" ;;
     sync) exec "$here/sync-bench.sh" "$@" ;;
+    longrun) exec "$here/longrun-bench.sh" "$@" ;;
+    stress) exec "$here/stress-bench.sh" "$@" ;;
     pacing)
         ensure_base_packages
         build_targets pacing-bench
