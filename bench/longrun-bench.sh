@@ -89,8 +89,10 @@ awk '
     file == 1 { m = int($1 / 60); rss[m] = $2; hwm[m] = $3; if (m > last) last = m; next }
     { m = int($1 / 60); if (!(m in lo) || $2 < lo[m]) lo[m] = $2; if (!(m in hi) || $2 > hi[m]) hi[m] = $2 }
     END {
+        # The last samples of memory may come after the last packet.
         for (m = 0; m <= last; m++)
-            printf "%6d  %19.1f  %8.1f  %6.3f..%.3f\n", m + 1, rss[m] / 1024, hwm[m] / 1024, lo[m], hi[m]
+            if (m in lo)
+                printf "%6d  %19.1f  %8.1f  %6.3f..%.3f\n", m + 1, rss[m] / 1024, hwm[m] / 1024, lo[m], hi[m]
     }' "$out/memory.log" "$out/lag.log"
 
 # Memory: the peak at one minute against the peak at the end.
