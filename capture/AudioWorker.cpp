@@ -7,7 +7,11 @@
 
 #include <QElapsedTimer>
 
+#include <chrono>
+#include <condition_variable>
 #include <exception>
+#include <mutex>
+#include <thread>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -31,6 +35,63 @@ constexpr int endStreamTimeoutMs = 5000;
 constexpr int deviceCheckMs = 1000;
 constexpr int deviceCheckTimeoutMs = 250;
 constexpr int64_t pictureLatencyUs = 100000;
+// Opening reads the device's first sound, which a delivering device has
+// within a fragment or two.
+constexpr auto openTimeout = std::chrono::seconds(3);
+constexpr auto openRetry = std::chrono::milliseconds(500);
+
+// Watches an input being opened. The open waits for the device's first
+// sound like any read does, so a device that delivers none (a suspended
+// one) would hold the caller, the host's GUI thread, for as long as that
+// lasts. After `openTimeout` the watch ends the input's stream on the sound
+// server, which makes the open fail.
+class OpenWatch
+{
+public:
+    explicit OpenWatch(const QByteArray& streamName)
+    {
+        if (streamName.isEmpty())
+            return;
+        watcher = std::thread([this, streamName] {
+            std::unique_lock<std::mutex> lock(mutex);
+            if (changed.wait_for(lock, openTimeout, [this] { return opened; }))
+                return;
+            // The server may not have made the stream yet: try again.
+            while (!opened && !ended) {
+                lock.unlock();
+                const bool done = platform::endAudioStream(streamName, endStreamTimeoutMs);
+                lock.lock();
+                ended = done;
+                changed.wait_for(lock, openRetry, [this] { return opened; });
+            }
+        });
+    }
+    ~OpenWatch() { finish(); }
+
+    OpenWatch(const OpenWatch&) = delete;
+    OpenWatch& operator=(const OpenWatch&) = delete;
+
+    // Ends the watch; true when it had to end the stream.
+    bool finish()
+    {
+        if (watcher.joinable()) {
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                opened = true;
+            }
+            changed.notify_one();
+            watcher.join();
+        }
+        return ended;
+    }
+
+private:
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool opened = false;  // mutex
+    bool ended = false;   // mutex; read alone once the watcher has joined
+    std::thread watcher;
+};
 
 } // namespace
 
@@ -80,10 +141,16 @@ bool AudioInput::setUp()
         qCWarning(lcScreenReel) << "unable to open device [" << device.name << "]";
         return false;
     }
+    OpenWatch watch(streamName);
     const bool opened = openInput(source.url.constData(), device.name, &streamIndex, &source.options,
                                   inputFormat, &formatContext, &codec, &codecContext, &packet,
                                   &frame, AVMEDIA_TYPE_AUDIO);
     av_dict_free(&source.options);
+    // An open whose stream was ended may still succeed on what it had read.
+    if (watch.finish()) {
+        qCWarning(lcScreenReel) << "audio device [" << device.name << "] delivers no sound";
+        return false;
+    }
     if (!opened)
         return false;
     av_dump_format(formatContext, streamIndex, device.name.toLocal8Bit().constData(), 0);

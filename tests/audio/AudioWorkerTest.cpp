@@ -86,6 +86,7 @@ private slots:
     void missingDevice();
     void lostStreamAborts();
     void stopWhileSuspended();
+    void openWhileSuspended();
 };
 
 void AudioWorkerTest::deliversTheDeviceSamples()
@@ -149,6 +150,19 @@ void AudioWorkerTest::stopWhileSuspended()
     QVERIFY(!readFailed(log));
     QCOMPARE(r.stopped.load(), 0);
     pactl({"suspend-sink", "reel", "0"});
+}
+
+// One that delivers nothing from the start: the open gives up instead of
+// holding its caller.
+void AudioWorkerTest::openWhileSuspended()
+{
+    pactl({"suspend-sink", "reel", "1"});
+    const auto resume = qScopeGuard([] { pactl({"suspend-sink", "reel", "0"}); });
+    LogCapture log;
+    Recording r("reel.monitor");
+    QVERIFY(r.pipeline->audio->audioFormat() == AudioFormat{});
+    QVERIFY(!r.pipeline->start());
+    QVERIFY(log.texts(QtWarningMsg).contains("audio device [ \"reel.monitor\" ] delivers no sound"));
 }
 
 QTEST_GUILESS_MAIN(AudioWorkerTest)
