@@ -168,6 +168,28 @@ private slots:
         QCOMPARE(states.join(' '), startStop);
     }
 
+    // A record may outlive its window; it still names the screen, which is
+    // what is recorded. (The window is gone: reading it would be a fault.)
+    void staleDevice()
+    {
+        VideoDevice stale;
+        {
+            QWindow window;
+            window.setTitle("Closed soon");
+            window.show();
+            for (const VideoDevice& device : reel->videoDevices())
+                stale = device.name == window.title() ? device : stale;
+        }
+        QVERIFY(stale.window);
+        QBuffer output;
+        output.open(QIODevice::WriteOnly);
+        QVERIFY(start(&output, small, std::nullopt, stale));
+        QTRY_VERIFY_WITH_TIMEOUT(reel->recordedTime().count() > 0, longWait);
+        stop();
+        QCOMPARE(states.join(' '), startStop);
+        QCOMPARE(contents(MediaProbe::fromData(output.data())), "h264 320x240");
+    }
+
     void endFromInside_data()
     {
         QTest::addColumn<bool>("startAgain");
