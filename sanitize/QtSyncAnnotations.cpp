@@ -1,12 +1,13 @@
-// Linked into every test of a thread-sanitized build (see tests/CMakeLists.txt).
+// Linked into every program of a thread-sanitized build that runs our code:
+// the tests (tests/CMakeLists.txt) and the recorder (host/CMakeLists.txt).
 //
 // Qt 5 is not built with the thread sanitizer, and its QMutex and the join in
 // QThread::wait go through futexes that the sanitizer cannot see: every
 // member guarded by a QMutex, and every object deleted after its thread was
 // joined, would show as a race. These definitions take the place of the
-// library's for all calls made from the test executable (our own code is
-// linked into it), call the library's own code, and tell the sanitizer the
-// ordering that code gives:
+// library's for all calls made from the program (our own code is linked
+// into it, or loaded as the plug-in), call the library's own code, and tell
+// the sanitizer the ordering that code gives:
 //   - QMutex::lock acquires, QMutex::unlock releases the mutex;
 //   - a thread releases its QThread object when it finishes (the `finished`
 //     signal, emitted on that thread after run() has returned), and a
