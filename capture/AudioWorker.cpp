@@ -131,7 +131,7 @@ bool AudioInput::setUp()
         qCWarning(lcScreenReel) << "unable to open device [" << device.name << "]";
         return false;
     }
-    platform::AudioInput source = platform::audioInput(device.name);
+    platform::SoundInput source = platform::soundInput(device.name);
     streamName = source.streamName;
     inputFormat = av_find_input_format(source.format);
     // Without the input format FFmpeg would guess one from the device text;

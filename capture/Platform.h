@@ -3,7 +3,9 @@
 // The few facilities that differ between the desktop systems the recorder
 // runs on: which FFmpeg inputs grab the screen and the sound, how they are
 // addressed, and how the graphics adapters are listed. Everything else is
-// written once, against these.
+// written once, against these. One source file per system and system
+// library implements them (PlatformWindows.cpp; PlatformX11.cpp,
+// PlatformPulse.cpp and PlatformPci.cpp on Linux), chosen by the build.
 
 #include "GrabberChoice.h"
 
@@ -27,14 +29,14 @@ const char* offsetYOption();
 // The input that records a named audio device, the URL for it, and the
 // options it needs (null for none; the caller owns the dictionary). A
 // sound-server input names its stream, so that endAudioStream finds it.
-struct AudioInput
+struct SoundInput
 {
     const char* format;
     QByteArray url;
     AVDictionary* options;
     QByteArray streamName;  // empty when the input has no server-side stream
 };
-AudioInput audioInput(const QString& deviceName);
+SoundInput soundInput(const QString& deviceName);
 
 // Ends the named stream from the sound server's side, so that a read blocked
 // on it returns with an error. A device that delivers nothing (suspended, or

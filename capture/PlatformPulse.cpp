@@ -1,86 +1,29 @@
+// PulseAudio (or PipeWire's pulse server): the sound input, and what the
+// recorder asks of the server beside it.
+
 #include "Platform.h"
 
 #include <QAudioDeviceInfo>
 #include <QCoreApplication>
 #include <QDeadlineTimer>
-#include <QDir>
-#include <QFile>
 
 #include <atomic>
-#include <vector>
 
 extern "C" {
 #include <libavutil/dict.h>
 }
 
-#if defined(Q_OS_WIN)
-#include <dxgi.h>
-#else
-#if defined(SCREENREEL_HAVE_LIBPCI)
-extern "C" {
-#include <pci/pci.h>
-}
-#endif
-#if defined(SCREENREEL_HAVE_LIBPULSE)
 #include <pulse/context.h>
 #include <pulse/introspect.h>
 #include <pulse/mainloop.h>
 #include <pulse/operation.h>
 #include <pulse/proplist.h>
-#endif
-#endif
 
 namespace orvane::platform {
 
-#if defined(Q_OS_WIN)
-
-const char* desktopGrabber() { return "gdigrab"; }
-QByteArray desktopUrl() { return "desktop"; }
-const char* offsetXOption() { return "offset_x"; }
-const char* offsetYOption() { return "offset_y"; }
-
-AudioInput audioInput(const QString& deviceName)
-{
-    return {"dshow", "audio=" + QByteArray::fromStdString(deviceName.toStdString()), nullptr, {}};
-}
-
-bool endAudioStream(const QByteArray&, int)
-{
-    return false;
-}
-
-int64_t audioStreamDevice(const QByteArray&, int)
-{
-    return -1;
-}
-
-bool audioTimestampsAreWallClock()
-{
-    return false;
-}
-
-std::vector<DisplayAdapter> displayAdapters()
-{
-    std::vector<DisplayAdapter> adapters;
-    IDXGIFactory1* factory = nullptr;
-    if (CreateDXGIFactory1(__uuidof(IDXGIFactory1), reinterpret_cast<void**>(&factory)) != 0)
-        return adapters;
-    IDXGIAdapter1* adapter = nullptr;
-    for (UINT i = 0; factory->EnumAdapters1(i, &adapter) != DXGI_ERROR_NOT_FOUND; ++i) {
-        DXGI_ADAPTER_DESC1 desc{};
-        adapter->GetDesc1(&desc);
-        adapters.push_back({desc.VendorId, QString::fromWCharArray(desc.Description)});
-        adapter->Release();
-    }
-    factory->Release();
-    return adapters;
-}
-
-#else
-
 namespace {
 
-AudioInput pulseInput(const QString& deviceName)
+SoundInput pulseInput(const QString& deviceName)
 {
     // The sound server's default fragments are shorter than the consumer's
     // 40 ms tick, which takes one chunk a tick: ask for 80 ms of its default
@@ -94,8 +37,6 @@ AudioInput pulseInput(const QString& deviceName)
     av_dict_set(&options, "stream_name", streamName.constData(), 0);
     return {"pulse", deviceName.toUtf8(), options, streamName};
 }
-
-#if defined(SCREENREEL_HAVE_LIBPULSE)
 
 // A private connection to the sound server, driven by hand until a deadline.
 class PulseConnection
@@ -162,37 +103,9 @@ private:
     }
 };
 
-#endif
-
-QString describePciDevice(uint32_t vendor, uint32_t device)
-{
-#if defined(SCREENREEL_HAVE_LIBPCI)
-    pci_access* access = pci_alloc();
-    if (!access)
-        return {};
-    pci_init(access);
-    char name[256] = {};
-    const char* found = pci_lookup_name(access, name, sizeof name, PCI_LOOKUP_DEVICE,
-                                        int(vendor), int(device));
-    QString description = found ? QString::fromLocal8Bit(found) : QString();
-    pci_cleanup(access);
-    return description;
-#else
-    Q_UNUSED(vendor)
-    Q_UNUSED(device)
-    return {};
-#endif
-}
-
 } // namespace
 
-// X11: the whole X root is the desktop, addressed by the display name.
-const char* desktopGrabber() { return "x11grab"; }
-QByteArray desktopUrl() { return qgetenv("DISPLAY"); }
-const char* offsetXOption() { return "grab_x"; }
-const char* offsetYOption() { return "grab_y"; }
-
-AudioInput audioInput(const QString& deviceName)
+SoundInput soundInput(const QString& deviceName)
 {
     // Qt lists sound-server sources and raw ALSA devices side by side; a name
     // that only the ALSA realm knows is opened with the ALSA input.
@@ -208,8 +121,6 @@ AudioInput audioInput(const QString& deviceName)
         return {"alsa", deviceName.toUtf8(), nullptr, {}};
     return pulseInput(deviceName);
 }
-
-#if defined(SCREENREEL_HAVE_LIBPULSE)
 
 namespace {
 
@@ -241,11 +152,8 @@ bool findStreams(PulseConnection& server, const QByteArray& streamName, std::vec
 
 } // namespace
 
-#endif
-
 bool endAudioStream(const QByteArray& streamName, int timeoutMs)
 {
-#if defined(SCREENREEL_HAVE_LIBPULSE)
     if (streamName.isEmpty())
         return false;
     PulseConnection server(timeoutMs);
@@ -261,11 +169,6 @@ bool endAudioStream(const QByteArray& streamName, int timeoutMs)
             ended = true;
     }
     return ended;
-#else
-    Q_UNUSED(streamName)
-    Q_UNUSED(timeoutMs)
-    return false;
-#endif
 }
 
 bool audioTimestampsAreWallClock()
@@ -276,7 +179,6 @@ bool audioTimestampsAreWallClock()
 
 int64_t audioStreamDevice(const QByteArray& streamName, int timeoutMs)
 {
-#if defined(SCREENREEL_HAVE_LIBPULSE)
     if (streamName.isEmpty())
         return -1;
     PulseConnection server(timeoutMs);
@@ -284,34 +186,7 @@ int64_t audioStreamDevice(const QByteArray& streamName, int timeoutMs)
     if (!server.ready || !findStreams(server, streamName, &streams) || streams.size() != 1)
         return -1;
     return streams.front().source;
-#else
-    Q_UNUSED(streamName)
-    Q_UNUSED(timeoutMs)
-    return -1;
-#endif
 }
 
-std::vector<DisplayAdapter> displayAdapters()
-{
-    std::vector<DisplayAdapter> adapters;
-    const QDir devices(QStringLiteral("/sys/bus/pci/devices"));
-    for (const QString& name : devices.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
-        const auto read = [&](const char* file) {
-            QFile f(devices.filePath(name) + QLatin1Char('/') + QLatin1String(file));
-            return f.open(QIODevice::ReadOnly) ? f.readAll().trimmed() : QByteArray();
-        };
-        // PCI class 0x03xxxx: display controllers.
-        if (!read("class").startsWith("0x03"))
-            continue;
-        bool ok = false;
-        const uint32_t vendor = read("vendor").toUInt(&ok, 16);
-        const uint32_t device = read("device").toUInt(nullptr, 16);
-        if (ok)
-            adapters.push_back({vendor, describePciDevice(vendor, device)});
-    }
-    return adapters;
-}
-
-#endif
 
 } // namespace orvane::platform

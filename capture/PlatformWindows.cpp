@@ -1,0 +1,52 @@
+// Windows: the desktop grabber, the sound input and the graphics adapters as
+// the system itself names them.
+
+#include "Platform.h"
+
+#include <dxgi.h>
+
+namespace orvane::platform {
+
+const char* desktopGrabber() { return "gdigrab"; }
+QByteArray desktopUrl() { return "desktop"; }
+const char* offsetXOption() { return "offset_x"; }
+const char* offsetYOption() { return "offset_y"; }
+
+SoundInput soundInput(const QString& deviceName)
+{
+    return {"dshow", "audio=" + QByteArray::fromStdString(deviceName.toStdString()), nullptr, {}};
+}
+
+bool endAudioStream(const QByteArray&, int)
+{
+    return false;
+}
+
+int64_t audioStreamDevice(const QByteArray&, int)
+{
+    return -1;
+}
+
+bool audioTimestampsAreWallClock()
+{
+    return false;
+}
+
+std::vector<DisplayAdapter> displayAdapters()
+{
+    std::vector<DisplayAdapter> adapters;
+    IDXGIFactory1* factory = nullptr;
+    if (CreateDXGIFactory1(__uuidof(IDXGIFactory1), reinterpret_cast<void**>(&factory)) != 0)
+        return adapters;
+    IDXGIAdapter1* adapter = nullptr;
+    for (UINT i = 0; factory->EnumAdapters1(i, &adapter) != DXGI_ERROR_NOT_FOUND; ++i) {
+        DXGI_ADAPTER_DESC1 desc{};
+        adapter->GetDesc1(&desc);
+        adapters.push_back({desc.VendorId, QString::fromWCharArray(desc.Description)});
+        adapter->Release();
+    }
+    factory->Release();
+    return adapters;
+}
+
+} // namespace orvane::platform
