@@ -75,7 +75,7 @@ int main(int argc, char** argv)
         int n = 0;
         while (running) {
             image.fill(QColor::fromHsv(n++ % 360, 200, 200));
-            muxer->writeVideo(image);
+            muxer->writeVideo(image, orvane::noCaptureTime);
             std::this_thread::sleep_for(std::chrono::milliseconds(33));
         }
     });

@@ -2,22 +2,25 @@
 
 #include "OpenInput.h"
 #include "Platform.h"
+#include "SoundGatherer.h"
 #include "pipeline/Logging.h"
 #include "pipeline/Pipeline.h"
 
-#include <QElapsedTimer>
-
-#include <chrono>
-#include <condition_variable>
+#include <cstring>
 #include <exception>
-#include <mutex>
-#include <thread>
+#include <vector>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
-#include <libavutil/time.h>
 }
+
+// Threads and locks. The worker's own thread reads, decodes and hands on;
+// the GUI thread opens the input and stops the thread. The input's stream
+// on the sound server is watched from the watch's own thread, which the
+// other two reach only through AudioStreamWatch (its lock is libpulse's
+// loop lock, never held while waiting for anything of ours). No lock of
+// the worker's own.
 
 namespace orvane {
 
@@ -25,73 +28,14 @@ using plugin::interface::AudioDevice;
 
 namespace {
 
+// Opening reads the device's first sound, which a delivering device has
+// within a fragment or two: one that has none by then is silent (suspended)
+// and would hold the caller, the host's GUI thread, for as long as that
+// lasts.
+constexpr std::chrono::seconds openTimeout(3);
 // Reads of a delivering device return every fragment (80 ms); a read that
 // has not returned this long after a stop request waits for a silent device.
 constexpr int stopGraceMs = 500;
-// How long ending the stream on the sound server may take.
-constexpr int endStreamTimeoutMs = 5000;
-// How often the read loop asks whether its device is still there, and how
-// long the answer may take.
-constexpr int deviceCheckMs = 1000;
-constexpr int deviceCheckTimeoutMs = 250;
-constexpr int64_t pictureLatencyUs = 100000;
-// Opening reads the device's first sound, which a delivering device has
-// within a fragment or two.
-constexpr auto openTimeout = std::chrono::seconds(3);
-constexpr auto openRetry = std::chrono::milliseconds(500);
-
-// Watches an input being opened. The open waits for the device's first
-// sound like any read does, so a device that delivers none (a suspended
-// one) would hold the caller, the host's GUI thread, for as long as that
-// lasts. After `openTimeout` the watch ends the input's stream on the sound
-// server, which makes the open fail.
-class OpenWatch
-{
-public:
-    explicit OpenWatch(const QByteArray& streamName)
-    {
-        if (streamName.isEmpty())
-            return;
-        watcher = std::thread([this, streamName] {
-            std::unique_lock<std::mutex> lock(mutex);
-            if (changed.wait_for(lock, openTimeout, [this] { return opened; }))
-                return;
-            // The server may not have made the stream yet: try again.
-            while (!opened && !ended) {
-                lock.unlock();
-                const bool done = platform::endAudioStream(streamName, endStreamTimeoutMs);
-                lock.lock();
-                ended = done;
-                changed.wait_for(lock, openRetry, [this] { return opened; });
-            }
-        });
-    }
-    ~OpenWatch() { finish(); }
-
-    OpenWatch(const OpenWatch&) = delete;
-    OpenWatch& operator=(const OpenWatch&) = delete;
-
-    // Ends the watch; true when it had to end the stream.
-    bool finish()
-    {
-        if (watcher.joinable()) {
-            {
-                std::lock_guard<std::mutex> lock(mutex);
-                opened = true;
-            }
-            changed.notify_one();
-            watcher.join();
-        }
-        return ended;
-    }
-
-private:
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool opened = false;  // mutex
-    bool ended = false;   // mutex; read alone once the watcher has joined
-    std::thread watcher;
-};
 
 } // namespace
 
@@ -113,7 +57,7 @@ struct AudioInput
     bool setUp();
 
     const AudioDevice device;
-    QByteArray streamName;  // the input's stream on the sound server, if any
+    std::unique_ptr<platform::AudioStreamWatch> watch;  // the stream on the sound server, if any
     bool valid = false;
     int streamIndex = -1;
     const AVInputFormat* inputFormat = nullptr;
@@ -126,13 +70,14 @@ struct AudioInput
 
 bool AudioInput::setUp()
 {
+    platform::SoundInput source = platform::soundInput(device.name);
+    watch = std::make_unique<platform::AudioStreamWatch>(source.streamName);
     // An empty name would record whatever the system's default input is.
     if (device.name.isEmpty()) {
+        av_dict_free(&source.options);
         qCWarning(lcScreenReel) << "unable to open device [" << device.name << "]";
         return false;
     }
-    platform::SoundInput source = platform::soundInput(device.name);
-    streamName = source.streamName;
     inputFormat = av_find_input_format(source.format);
     // Without the input format FFmpeg would guess one from the device text;
     // that can only pick something else than the device asked for.
@@ -141,13 +86,13 @@ bool AudioInput::setUp()
         qCWarning(lcScreenReel) << "unable to open device [" << device.name << "]";
         return false;
     }
-    OpenWatch watch(streamName);
+    watch->unblockAfter(openTimeout);
     const bool opened = openInput(source.url.constData(), device.name, &streamIndex, &source.options,
                                   inputFormat, &formatContext, &codec, &codecContext, &packet,
                                   &frame, AVMEDIA_TYPE_AUDIO);
     av_dict_free(&source.options);
     // An open whose stream was ended may still succeed on what it had read.
-    if (watch.finish()) {
+    if (watch->finishUnblockAfter()) {
         qCWarning(lcScreenReel) << "audio device [" << device.name << "] delivers no sound";
         return false;
     }
@@ -187,7 +132,7 @@ void AudioWorker::stop()
     // The read looks at the request only when the device delivers; one that
     // has gone silent gets its stream ended, which makes the read fail.
     if (!wait(QDeadlineTimer(stopGraceMs)))
-        platform::endAudioStream(input->streamName, endStreamTimeoutMs);
+        input->watch->unblock();
     wait(QDeadlineTimer(QDeadlineTimer::Forever));
 }
 
@@ -218,52 +163,28 @@ void AudioWorker::run()
         return;
     }
     AudioInput& in = *input;
-    // The device has captured since it was opened, while the rest of the
-    // recording was set up; that sound would lag the picture by the set-up
-    // time. It is cut off by its capture times (where they are on the system
-    // clock), keeping the picture's own latency of about 100 ms: its first
-    // frame is stamped one frame in, the Muxer samples the newest image once
-    // a tick, and grabbing and converting take the rest.
-    bool trimming = platform::audioTimestampsAreWallClock();
-    const int64_t keepFrom = av_gettime() - pictureLatencyUs;
-    const AVRational timeBase = in.formatContext->streams[in.streamIndex]->time_base;
-    const auto samplesBeforeStart = [&](const AVFrame* frame) {
-        if (!trimming)
-            return 0;
-        trimming = false;
-        if (frame->pts == AV_NOPTS_VALUE || frame->sample_rate <= 0)
-            return 0;
-        const int64_t captured = av_rescale_q(frame->pts, timeBase, AV_TIME_BASE_Q);
-        if (captured >= keepFrom)
-            return 0;
-        const int64_t before = av_rescale(keepFrom - captured, frame->sample_rate, AV_TIME_BASE);
-        // A frame that lies wholly before the start keeps the trimming on.
-        trimming = before >= frame->nb_samples;
-        return int(qMin<int64_t>(before, frame->nb_samples));
-    };
-    QElapsedTimer sinceCheck;
-    sinceCheck.start();
-    int64_t device = platform::audioStreamDevice(in.streamName, deviceCheckTimeoutMs);
+    const bool timed = platform::soundTimesOnSystemClock();
+    SoundGatherer gathered(in.codecContext->sample_fmt, in.codecContext->ch_layout.nb_channels,
+                           in.codecContext->sample_rate,
+                           [this](const QByteArray& samples, qint64 count, CaptureTime captured) {
+                               pushAudio(samples, count, captured);
+                           });
     try {
         while (!isInterruptionRequested()) {
-            if (sinceCheck.elapsed() >= deviceCheckMs) {
-                sinceCheck.restart();
-                const int64_t now = platform::audioStreamDevice(in.streamName, deviceCheckTimeoutMs);
-                if (device < 0)
-                    device = now;
-                else if (now >= 0 && now != device) {
-                    qCWarning(lcScreenReel) << "audio device [" << in.device.name << "] is gone";
-                    abort();
-                    return;
-                }
-            }
             int result = av_read_frame(in.formatContext, in.packet);
+            if (in.watch->gone()) {
+                gathered.flush();
+                qCWarning(lcScreenReel) << "audio device [" << in.device.name << "] is gone";
+                abort();
+                return;
+            }
             if (result == AVERROR(EAGAIN))
                 continue;
             // A read ended by a stop is no failure of the device.
             if (result < 0 && isInterruptionRequested())
-                return;
+                break;
             if (result < 0) {
+                gathered.flush();
                 qCWarning(lcScreenReel) << "Error reading frame" << result;
                 abort();
                 return;
@@ -285,29 +206,19 @@ void AudioWorker::run()
                     qCWarning(lcScreenReel) << "Error during audio decoding " << result;
                     break;
                 }
-                const int skip = samplesBeforeStart(in.frame);
-                const int count = in.frame->nb_samples - skip;
-                if (count <= 0)
-                    continue;
-                const int channels = in.frame->ch_layout.nb_channels;
-                const auto format = AVSampleFormat(in.frame->format);
                 int lineSize = 0;
-                if (av_samples_get_buffer_size(&lineSize, channels, count, format, 1) < 0) {
+                if (av_samples_get_buffer_size(&lineSize, in.frame->ch_layout.nb_channels, in.frame->nb_samples,
+                                               AVSampleFormat(in.frame->format), 1) < 0) {
                     qCWarning(lcScreenReel) << "unable to get audio buffer size";
                     break;
                 }
-                // A planar frame carries one plane per channel; they travel
-                // one after the other so that no channel is lost.
-                const bool planar = av_sample_fmt_is_planar(format);
-                const int planes = planar ? channels : 1;
-                const int offset = skip * av_get_bytes_per_sample(format) * (planar ? 1 : channels);
-                QByteArray samples(lineSize * planes, Qt::Uninitialized);
-                for (int i = 0; i < planes; ++i)
-                    memcpy(samples.data() + i * lineSize, in.frame->extended_data[i] + offset, size_t(lineSize));
-                pushAudio(samples, qint64(count));
+                gathered.add(in.frame->extended_data, lineSize, in.frame->nb_samples,
+                             captureTime(in.formatContext, in.streamIndex, in.frame, timed));
             }
             av_packet_unref(in.packet);
         }
+        // What was gathered when the stop came is the end of the sound.
+        gathered.flush();
     } catch (const std::exception& e) {
         qCWarning(lcScreenReel) << "ScreenReel error: " << e.what();
         abort();

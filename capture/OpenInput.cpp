@@ -62,4 +62,12 @@ bool openInput(const char* url, const QString& deviceName, int* streamIndex, AVD
     return true;
 }
 
+CaptureTime captureTime(const AVFormatContext* formatContext, int streamIndex, const AVFrame* frame,
+                        bool onSystemClock)
+{
+    if (!onSystemClock || frame->pts == AV_NOPTS_VALUE)
+        return noCaptureTime;
+    return av_rescale_q(frame->pts, formatContext->streams[streamIndex]->time_base, AV_TIME_BASE_Q);
+}
+
 } // namespace orvane

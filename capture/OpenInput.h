@@ -1,5 +1,7 @@
 #pragma once
 
+#include "pipeline/CaptureTime.h"
+
 #include <QString>
 
 extern "C" {
@@ -24,5 +26,11 @@ bool openInput(const char* url, const QString& deviceName, int* streamIndex, AVD
                const AVInputFormat* inputFormat, AVFormatContext** formatContext,
                const AVCodec** codec, AVCodecContext** codecContext, AVPacket** packet,
                AVFrame** frame, AVMediaType mediaType);
+
+// The capture time of a decoded frame of stream `streamIndex`, from its
+// timestamp where the input stamps its packets with the system clock
+// (`onSystemClock`); noCaptureTime otherwise.
+CaptureTime captureTime(const AVFormatContext* formatContext, int streamIndex, const AVFrame* frame,
+                        bool onSystemClock);
 
 } // namespace orvane

@@ -12,7 +12,9 @@
 #include <QByteArray>
 #include <QString>
 
+#include <chrono>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 struct AVDictionary;
@@ -28,7 +30,7 @@ const char* offsetYOption();
 
 // The input that records a named audio device, the URL for it, and the
 // options it needs (null for none; the caller owns the dictionary). A
-// sound-server input names its stream, so that endAudioStream finds it.
+// sound-server input names its stream, so that AudioStreamWatch finds it.
 struct SoundInput
 {
     const char* format;
@@ -38,22 +40,44 @@ struct SoundInput
 };
 SoundInput soundInput(const QString& deviceName);
 
-// Ends the named stream from the sound server's side, so that a read blocked
-// on it returns with an error. A device that delivers nothing (suspended, or
-// a source without data) otherwise holds the read for as long as that lasts,
-// and the input looks at no interrupt callback. Gives up after `timeoutMs`;
-// true when a stream was ended.
-bool endAudioStream(const QByteArray& streamName, int timeoutMs);
+// Whether the screen and the sound inputs time their packets on the system
+// clock (microseconds since the epoch, as av_gettime gives it), so that
+// their times can be compared.
+bool screenTimesOnSystemClock();
+bool soundTimesOnSystemClock();
 
-// The server's number of the device the named stream records from, -1 when
-// unknown. The server moves the streams of a device that goes away to
-// another one instead of ending them: a change of this number is how a
-// removed device shows.
-int64_t audioStreamDevice(const QByteArray& streamName, int timeoutMs);
+// The sound server's side of one recording stream, over one long-lived
+// connection of its own, served on the connection's own thread. Where the
+// input has no server-side stream every operation does nothing.
+class AudioStreamWatch
+{
+public:
+    explicit AudioStreamWatch(const QByteArray& streamName);
+    ~AudioStreamWatch();
 
-// Whether the audio inputs time their packets on the system clock
-// (microseconds since the epoch, as av_gettime gives it).
-bool audioTimestampsAreWallClock();
+    AudioStreamWatch(const AudioStreamWatch&) = delete;
+    AudioStreamWatch& operator=(const AudioStreamWatch&) = delete;
+
+    // Any thread, does not wait for the server. Ends the stream on the
+    // server, now or as soon as the server has made it, so that a read
+    // blocked on it returns with an error: a device that delivers nothing
+    // (suspended, or silent) otherwise holds the read for as long as that
+    // lasts, and the input looks at no interrupt callback.
+    void unblock();
+    // Any thread, does not wait: unblock() once `delay` has passed, unless
+    // cancelled before by finishUnblockAfter(), which tells whether it came to that.
+    void unblockAfter(std::chrono::milliseconds delay);
+    bool finishUnblockAfter();
+    // Any thread, lock-free. True once the device the stream records from
+    // has gone away; the stream is then ended too. (The server moves the
+    // streams of a removed device to another one rather than ending them; a
+    // move that the user makes is followed, not taken for a loss.)
+    bool gone() const;
+
+private:
+    struct Private;
+    const std::unique_ptr<Private> d;
+};
 
 // The graphics adapters of the machine.
 std::vector<DisplayAdapter> displayAdapters();

@@ -1,11 +1,10 @@
-// PulseAudio (or PipeWire's pulse server): the sound input, and what the
-// recorder asks of the server beside it.
+// PulseAudio (or PipeWire's pulse server): the sound input, and the watch
+// on its stream beside it.
 
 #include "Platform.h"
 
 #include <QAudioDeviceInfo>
 #include <QCoreApplication>
-#include <QDeadlineTimer>
 
 #include <atomic>
 
@@ -15,9 +14,11 @@ extern "C" {
 
 #include <pulse/context.h>
 #include <pulse/introspect.h>
-#include <pulse/mainloop.h>
-#include <pulse/operation.h>
 #include <pulse/proplist.h>
+#include <pulse/rtclock.h>
+#include <pulse/subscribe.h>
+#include <pulse/thread-mainloop.h>
+#include <pulse/timeval.h>
 
 namespace orvane::platform {
 
@@ -26,82 +27,17 @@ namespace {
 SoundInput pulseInput(const QString& deviceName)
 {
     // The sound server's default fragments are shorter than the consumer's
-    // 40 ms tick, which takes one chunk a tick: ask for 80 ms of its default
-    // 48 kHz stereo 16-bit stream so the queue cannot grow.
+    // 40 ms tick: ask for 80 ms of its default 48 kHz stereo 16-bit stream,
+    // so that few reads deliver a tick's worth.
     AVDictionary* options = nullptr;
     av_dict_set(&options, "fragment_size", "15360", 0);
-    // A name of its own per stream, unique on the server, for endAudioStream.
+    // A name of its own per stream, unique on the server, for the watch.
     static std::atomic<int> streams{0};
     const QByteArray streamName = "ScreenReel " + QByteArray::number(QCoreApplication::applicationPid())
                                   + '.' + QByteArray::number(++streams);
     av_dict_set(&options, "stream_name", streamName.constData(), 0);
     return {"pulse", deviceName.toUtf8(), options, streamName};
 }
-
-// A private connection to the sound server, driven by hand until a deadline.
-class PulseConnection
-{
-public:
-    explicit PulseConnection(int timeoutMs)
-        : deadline(timeoutMs)
-        , loop(pa_mainloop_new())
-    {
-        if (!loop)
-            return;
-        context = pa_context_new(pa_mainloop_get_api(loop), "ScreenReel");
-        if (!context || pa_context_connect(context, nullptr, PA_CONTEXT_NOFLAGS, nullptr) < 0)
-            return;
-        while (pa_context_get_state(context) != PA_CONTEXT_READY) {
-            if (!PA_CONTEXT_IS_GOOD(pa_context_get_state(context)) || !iterate())
-                return;
-        }
-        ready = true;
-    }
-    ~PulseConnection()
-    {
-        if (context) {
-            pa_context_disconnect(context);
-            pa_context_unref(context);
-        }
-        if (loop)
-            pa_mainloop_free(loop);
-    }
-
-    PulseConnection(const PulseConnection&) = delete;
-    PulseConnection& operator=(const PulseConnection&) = delete;
-
-    // Runs the loop until the operation is done; false on time-out.
-    bool complete(pa_operation* operation)
-    {
-        if (!operation)
-            return false;
-        bool done = true;
-        while (pa_operation_get_state(operation) == PA_OPERATION_RUNNING) {
-            if (!iterate()) {
-                pa_operation_cancel(operation);
-                done = false;
-                break;
-            }
-        }
-        pa_operation_unref(operation);
-        return done;
-    }
-
-    QDeadlineTimer deadline;
-    pa_mainloop* const loop;
-    pa_context* context = nullptr;
-    bool ready = false;
-
-private:
-    bool iterate()
-    {
-        const qint64 left = deadline.remainingTime();
-        if (left == 0)
-            return false;
-        return pa_mainloop_prepare(loop, int(left * 1000)) >= 0 && pa_mainloop_poll(loop) >= 0
-            && pa_mainloop_dispatch(loop) >= 0;
-    }
-};
 
 } // namespace
 
@@ -122,71 +58,191 @@ SoundInput soundInput(const QString& deviceName)
     return pulseInput(deviceName);
 }
 
-namespace {
-
-// A recording stream on the server: its own index and its device's.
-struct ServerStream
+// Both the sound server's input and the ALSA input stamp each packet with
+// the system clock less the latency of what it holds.
+bool soundTimesOnSystemClock()
 {
-    uint32_t index;
-    uint32_t source;
-};
-
-// The streams of that name; false when the server did not answer in time.
-bool findStreams(PulseConnection& server, const QByteArray& streamName, std::vector<ServerStream>* found)
-{
-    struct Search
-    {
-        QByteArray name;
-        std::vector<ServerStream>* found;
-    } search{streamName, found};
-    const auto collect = [](pa_context*, const pa_source_output_info* info, int last, void* data) {
-        auto* search = static_cast<Search*>(data);
-        if (last || !info)
-            return;
-        const char* name = pa_proplist_gets(info->proplist, PA_PROP_MEDIA_NAME);
-        if (name && search->name == name)
-            search->found->push_back({info->index, info->source});
-    };
-    return server.complete(pa_context_get_source_output_info_list(server.context, collect, &search));
-}
-
-} // namespace
-
-bool endAudioStream(const QByteArray& streamName, int timeoutMs)
-{
-    if (streamName.isEmpty())
-        return false;
-    PulseConnection server(timeoutMs);
-    std::vector<ServerStream> streams;
-    if (!server.ready || !findStreams(server, streamName, &streams))
-        return false;
-    bool ended = false;
-    for (const ServerStream& stream : streams) {
-        int success = 0;
-        const auto result = [](pa_context*, int ok, void* data) { *static_cast<int*>(data) = ok; };
-        if (server.complete(pa_context_kill_source_output(server.context, stream.index, result, &success))
-            && success)
-            ended = true;
-    }
-    return ended;
-}
-
-bool audioTimestampsAreWallClock()
-{
-    // Both the sound server's input and the ALSA input do.
     return true;
 }
 
-int64_t audioStreamDevice(const QByteArray& streamName, int timeoutMs)
+// Runs on the connection's own thread (libpulse's threaded loop). Every
+// member below `loop` is touched there, or elsewhere under the loop's lock.
+struct AudioStreamWatch::Private
 {
-    if (streamName.isEmpty())
-        return -1;
-    PulseConnection server(timeoutMs);
-    std::vector<ServerStream> streams;
-    if (!server.ready || !findStreams(server, streamName, &streams) || streams.size() != 1)
-        return -1;
-    return streams.front().source;
+    explicit Private(const QByteArray& streamName)
+        : streamName(streamName)
+    {
+    }
+
+    // Loop thread.
+    static void stateChanged(pa_context* context, void* data);
+    static void event(pa_context* context, pa_subscription_event_type_t type, uint32_t index, void* data);
+    static void streamFound(pa_context* context, const pa_source_output_info* info, int last, void* data);
+    static void timerFired(pa_mainloop_api* api, pa_time_event* event, const struct timeval*, void* data);
+    // Loop thread or under the lock.
+    void endStream();
+    void lock() { pa_threaded_mainloop_lock(loop); }
+    void unlock() { pa_threaded_mainloop_unlock(loop); }
+
+    const QByteArray streamName;
+    std::atomic<bool> gone{false};
+    pa_threaded_mainloop* loop = nullptr;
+    pa_context* context = nullptr;
+    pa_time_event* timer = nullptr;
+    uint32_t stream = PA_INVALID_INDEX;  // our stream, once the server has made it
+    uint32_t source = PA_INVALID_INDEX;  // the device it records from
+    bool ending = false;                 // end the stream as soon as it is known
+    bool timerDone = false;              // unblockAfter came to its end
+};
+
+void AudioStreamWatch::Private::stateChanged(pa_context* context, void* data)
+{
+    auto* d = static_cast<Private*>(data);
+    if (pa_context_get_state(context) != PA_CONTEXT_READY)
+        return;
+    pa_context_set_subscribe_callback(context, &Private::event, d);
+    pa_operation* operation = pa_context_subscribe(
+        context, pa_subscription_mask_t(PA_SUBSCRIPTION_MASK_SOURCE | PA_SUBSCRIPTION_MASK_SOURCE_OUTPUT),
+        nullptr, nullptr);
+    if (operation)
+        pa_operation_unref(operation);
+    // The stream may be there already.
+    operation = pa_context_get_source_output_info_list(context, &Private::streamFound, d);
+    if (operation)
+        pa_operation_unref(operation);
 }
 
+void AudioStreamWatch::Private::event(pa_context* context, pa_subscription_event_type_t type, uint32_t index,
+                                      void* data)
+{
+    auto* d = static_cast<Private*>(data);
+    const auto facility = type & PA_SUBSCRIPTION_EVENT_FACILITY_MASK;
+    const auto kind = type & PA_SUBSCRIPTION_EVENT_TYPE_MASK;
+    if (facility == PA_SUBSCRIPTION_EVENT_SOURCE_OUTPUT && kind != PA_SUBSCRIPTION_EVENT_REMOVE
+        && (d->stream == PA_INVALID_INDEX || d->stream == index)) {
+        // A new stream may be ours; ours may have been moved to another device.
+        pa_operation* operation = pa_context_get_source_output_info(context, index, &Private::streamFound, d);
+        if (operation)
+            pa_operation_unref(operation);
+    } else if (facility == PA_SUBSCRIPTION_EVENT_SOURCE && kind == PA_SUBSCRIPTION_EVENT_REMOVE
+               && index == d->source && d->source != PA_INVALID_INDEX) {
+        // The server announces the move of the streams before the removal of
+        // their device, and answers what the stream records from only after
+        // both: a removal of the device still on record is one that took our
+        // stream away. A move made by the user has been answered long before.
+        d->gone = true;
+        d->endStream();
+    }
+}
+
+void AudioStreamWatch::Private::streamFound(pa_context*, const pa_source_output_info* info, int last, void* data)
+{
+    auto* d = static_cast<Private*>(data);
+    if (last || !info)
+        return;
+    const char* name = pa_proplist_gets(info->proplist, PA_PROP_MEDIA_NAME);
+    if (!name || d->streamName != name)
+        return;
+    d->stream = info->index;
+    d->source = info->source;
+    if (d->ending)
+        d->endStream();
+}
+
+void AudioStreamWatch::Private::timerFired(pa_mainloop_api* api, pa_time_event* event, const struct timeval*,
+                                           void* data)
+{
+    auto* d = static_cast<Private*>(data);
+    api->time_free(event);
+    d->timer = nullptr;
+    d->timerDone = true;
+    d->endStream();
+}
+
+void AudioStreamWatch::Private::endStream()
+{
+    ending = true;
+    if (stream == PA_INVALID_INDEX || !context || pa_context_get_state(context) != PA_CONTEXT_READY)
+        return;
+    pa_operation* operation = pa_context_kill_source_output(context, stream, nullptr, nullptr);
+    if (operation)
+        pa_operation_unref(operation);
+}
+
+AudioStreamWatch::AudioStreamWatch(const QByteArray& streamName)
+    : d(std::make_unique<Private>(streamName))
+{
+    if (streamName.isEmpty())
+        return;
+    d->loop = pa_threaded_mainloop_new();
+    if (!d->loop)
+        return;
+    d->context = pa_context_new(pa_threaded_mainloop_get_api(d->loop), "ScreenReel");
+    if (!d->context)
+        return;
+    pa_context_set_state_callback(d->context, &Private::stateChanged, d.get());
+    // The connection comes up on the loop's thread; nothing waits for it.
+    if (pa_context_connect(d->context, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0
+        || pa_threaded_mainloop_start(d->loop) < 0) {
+        pa_context_unref(d->context);
+        d->context = nullptr;
+    }
+}
+
+AudioStreamWatch::~AudioStreamWatch()
+{
+    if (!d->loop)
+        return;
+    pa_threaded_mainloop_stop(d->loop);
+    if (d->context) {
+        if (d->timer)
+            pa_threaded_mainloop_get_api(d->loop)->time_free(d->timer);
+        pa_context_disconnect(d->context);
+        pa_context_unref(d->context);
+    }
+    pa_threaded_mainloop_free(d->loop);
+}
+
+void AudioStreamWatch::unblock()
+{
+    if (!d->context)
+        return;
+    d->lock();
+    d->endStream();
+    d->unlock();
+}
+
+void AudioStreamWatch::unblockAfter(std::chrono::milliseconds delay)
+{
+    if (!d->context)
+        return;
+    d->lock();
+    if (!d->timer)
+        d->timer = pa_context_rttime_new(d->context, pa_rtclock_now() + pa_usec_t(delay.count()) * PA_USEC_PER_MSEC,
+                                         &Private::timerFired, d.get());
+    d->unlock();
+}
+
+bool AudioStreamWatch::finishUnblockAfter()
+{
+    if (!d->context)
+        return false;
+    d->lock();
+    if (d->timer) {
+        pa_threaded_mainloop_get_api(d->loop)->time_free(d->timer);
+        d->timer = nullptr;
+    }
+    const bool fired = d->timerDone;
+    // A stream the server has not made yet is left alone now.
+    if (fired && d->stream == PA_INVALID_INDEX)
+        d->ending = false;
+    d->unlock();
+    return fired;
+}
+
+bool AudioStreamWatch::gone() const
+{
+    return d->gone;
+}
 
 } // namespace orvane::platform

@@ -17,20 +17,34 @@ SoundInput soundInput(const QString& deviceName)
     return {"dshow", "audio=" + QByteArray::fromStdString(deviceName.toStdString()), nullptr, {}};
 }
 
-bool endAudioStream(const QByteArray&, int)
+// The grabber and the sound input time their packets on clocks of their own.
+bool screenTimesOnSystemClock()
 {
     return false;
 }
 
-int64_t audioStreamDevice(const QByteArray&, int)
-{
-    return -1;
-}
-
-bool audioTimestampsAreWallClock()
+bool soundTimesOnSystemClock()
 {
     return false;
 }
+
+// The system ends a capture stream of a removed device by itself, and the
+// input has no stream on a server to end: nothing to watch.
+struct AudioStreamWatch::Private
+{
+};
+
+AudioStreamWatch::AudioStreamWatch(const QByteArray&)
+    : d(std::make_unique<Private>())
+{
+}
+
+AudioStreamWatch::~AudioStreamWatch() = default;
+
+void AudioStreamWatch::unblock() {}
+void AudioStreamWatch::unblockAfter(std::chrono::milliseconds) {}
+bool AudioStreamWatch::finishUnblockAfter() { return false; }
+bool AudioStreamWatch::gone() const { return false; }
 
 std::vector<DisplayAdapter> displayAdapters()
 {

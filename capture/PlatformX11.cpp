@@ -9,4 +9,10 @@ QByteArray desktopUrl() { return qgetenv("DISPLAY"); }
 const char* offsetXOption() { return "grab_x"; }
 const char* offsetYOption() { return "grab_y"; }
 
+// Each packet carries the system clock at the moment its grab began.
+bool screenTimesOnSystemClock()
+{
+    return true;
+}
+
 } // namespace orvane::platform

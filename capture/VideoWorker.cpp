@@ -226,7 +226,8 @@ void VideoWorker::run()
                     qCWarning(lcScreenReel) << "Unable to create frame";
                     break;
                 }
-                pushImage(out);
+                pushImage(out, captureTime(in.formatContext, in.streamIndex, in.frame,
+                                           platform::screenTimesOnSystemClock()));
             }
             av_packet_unref(in.packet);
         }

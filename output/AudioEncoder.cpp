@@ -6,9 +6,13 @@
 #include "PacketWriter.h"
 #include "pipeline/Logging.h"
 
+#include <algorithm>
+
 extern "C" {
 #include <libavformat/avformat.h>
+#include <libavutil/mathematics.h>
 #include <libavutil/opt.h>
+#include <libavutil/samplefmt.h>
 #include <libswresample/swresample.h>
 }
 
@@ -19,6 +23,10 @@ namespace {
 // Frame size for encoders that take any: large enough to empty the
 // resampler in one frame per chunk.
 constexpr int variableFrameSize = 10000;
+// How far the sound's capture times may stray from where its samples have
+// put it before the track is corrected (microseconds). They jitter by a few
+// milliseconds; this is half a frame of the picture.
+constexpr int64_t placementTolerance = 20000;
 
 AVChannelLayout sourceLayout(const AudioFormat& format)
 {
@@ -135,29 +143,86 @@ void resample(MuxerOutput& output, const uint8_t** planes, int count)
     }
 }
 
-// Takes the oldest chunk off the queue; false when there is none.
+// Takes the oldest chunk off the queue; false when there is none. While the
+// picture's start is not known yet, sound with capture times waits for it.
 bool takeChunk(MuxerOutput& output, AudioChunk* chunk)
 {
     QMutexLocker lock(&output.mutex);
-    if (!output.audioFormat || output.audioQueue.isEmpty())
+    const Timeline& timeline = output.timeline;
+    if (timeline.start == noCaptureTime && !timeline.untimed
+        && output.audioQueue.firstCaptured() != noCaptureTime)
         return false;
-    *chunk = output.audioQueue.takeFirst();
-    output.queuedSamples -= chunk->sampleCount;
-    return true;
+    return output.audioQueue.take(chunk);
 }
 
-void encodeChunk(MuxerOutput& output, const AudioChunk& chunk)
+// Encodes `count` samples of the chunk from sample `from` on.
+void encodeChunk(MuxerOutput& output, const AudioChunk& chunk, qint64 from, qint64 count)
 {
     // A planar source carries its planes one after the other in the chunk.
     const AudioFormat& format = *output.audioFormat;
-    const int planeCount = av_sample_fmt_is_planar(format.sampleFormat) ? format.channels : 1;
+    const bool planar = av_sample_fmt_is_planar(format.sampleFormat);
+    const int planeCount = planar ? format.channels : 1;
+    const int sampleSize = av_get_bytes_per_sample(format.sampleFormat) * (planar ? 1 : format.channels);
     // Never null, even when empty: a null input would empty the resampler.
     const uint8_t* planes[AV_NUM_DATA_POINTERS] = {};
     const int planeSize = chunk.samples.size() / qMax(planeCount, 1);
     const auto* data = reinterpret_cast<const uint8_t*>(chunk.samples.constData());
     for (int i = 0; i < planeCount && i < AV_NUM_DATA_POINTERS; ++i)
-        planes[i] = data + i * planeSize;
-    resample(output, planes, int(chunk.sampleCount));
+        planes[i] = data + i * planeSize + from * sampleSize;
+    resample(output, planes, int(count));
+}
+
+void encodeSilence(MuxerOutput& output, qint64 count)
+{
+    const AudioFormat& format = *output.audioFormat;
+    const bool planar = av_sample_fmt_is_planar(format.sampleFormat);
+    const int planeCount = planar ? format.channels : 1;
+    const int planeSize = int(count) * av_get_bytes_per_sample(format.sampleFormat) * (planar ? 1 : format.channels);
+    AudioChunk silence{QByteArray(planeSize * planeCount, Qt::Uninitialized), count, noCaptureTime};
+    uint8_t* planes[AV_NUM_DATA_POINTERS] = {};
+    for (int i = 0; i < planeCount && i < AV_NUM_DATA_POINTERS; ++i)
+        planes[i] = reinterpret_cast<uint8_t*>(silence.samples.data()) + i * planeSize;
+    av_samples_set_silence(planes, 0, int(count), format.channels, format.sampleFormat);
+    encodeChunk(output, silence, 0, count);
+}
+
+// The capture time the next source sample on the track is due at.
+CaptureTime audioDue(const MuxerOutput& output)
+{
+    // The track's first sample plays one encoder frame into the file.
+    const int64_t lead = av_rescale(output.audioFrameSize, AV_TIME_BASE, output.audioContext->sample_rate);
+    return output.timeline.start + lead
+           + av_rescale(output.timeline.audioPlaced, AV_TIME_BASE, output.audioFormat->sampleRate);
+}
+
+// Puts the chunk on the track at the place its capture time gives, sound up
+// to `end` (a capture time) only.
+void putOnTrack(MuxerOutput& output, const AudioChunk& chunk, CaptureTime end)
+{
+    Timeline& timeline = output.timeline;
+    if (timeline.untimed || timeline.start == noCaptureTime || chunk.captured == noCaptureTime) {
+        encodeChunk(output, chunk, 0, chunk.sampleCount);
+        return;
+    }
+    const int rate = output.audioFormat->sampleRate;
+    // The start is exact; later the capture times may jitter a little.
+    const int64_t tolerance = timeline.audioPlaced == 0 ? 0 : placementTolerance;
+    const Placement place = placeChunk(audioDue(output), chunk.captured, chunk.sampleCount, rate, tolerance);
+    qint64 silence = place.silence;
+    qint64 count = chunk.sampleCount - place.skip;
+    if (end != noCaptureTime) {
+        const qint64 room = std::max<qint64>(0, av_rescale(end - audioDue(output), rate, AV_TIME_BASE));
+        silence = std::min(silence, room);
+        count = std::min(count, room - silence);
+    }
+    if (silence > 0) {
+        encodeSilence(output, silence);
+        timeline.audioPlaced += silence;
+    }
+    if (count > 0) {
+        encodeChunk(output, chunk, place.skip, count);
+        timeline.audioPlaced += count;
+    }
 }
 
 } // namespace
@@ -167,8 +232,8 @@ void encodeAudioStep(MuxerOutput& output)
     if (!output.audioFormat)
         return;
     AudioChunk chunk;
-    takeChunk(output, &chunk);
-    encodeChunk(output, chunk);
+    if (takeChunk(output, &chunk))
+        putOnTrack(output, chunk, noCaptureTime);
 }
 
 void finishAudio(MuxerOutput& output)
@@ -176,11 +241,20 @@ void finishAudio(MuxerOutput& output)
     if (!output.audioContext || !output.resampler || !output.audioFrame)
         return;
     // All the sound the producer delivered before it stopped belongs in the
-    // file, up to its last sample: the rest of the queue, what the resampler
-    // holds, the short last frame and what the encoder still delays.
+    // file: the rest of the queue, what the resampler holds, the short last
+    // frame and what the encoder still delays. On the capture clock the
+    // sound ends with the picture, and a silent end is filled to there.
+    Timeline& timeline = output.timeline;
+    if (timeline.start == noCaptureTime && !timeline.untimed)
+        timeline.untimed = true;  // no picture began: the sound stands as it came
+    CaptureTime end = noCaptureTime;
+    if (!timeline.untimed)
+        end = timeline.start + int64_t(output.videoFrameCount + 1) * (AV_TIME_BASE / output.frameRate);
     AudioChunk chunk;
     while (takeChunk(output, &chunk))
-        encodeChunk(output, chunk);
+        putOnTrack(output, chunk, end);
+    if (end != noCaptureTime)
+        putOnTrack(output, AudioChunk{QByteArray(), 0, end}, end);
     resample(output, nullptr, 0);
     if (output.audioFrameFill > 0) {
         output.audioFrame->nb_samples = output.audioFrameFill;

@@ -24,9 +24,6 @@ namespace orvane {
 namespace {
 
 constexpr int ioBufferSize = 32768;
-// Beyond this much waiting sound the machine is not keeping up; the oldest
-// chunks are dropped rather than letting memory grow for the whole recording.
-constexpr int maxQueuedSeconds = 10;
 
 // FFmpeg 7 hands the buffer over as const.
 #if LIBAVFORMAT_VERSION_MAJOR >= 61
@@ -58,6 +55,7 @@ MuxerOutput::MuxerOutput(QIODevice* device, const QSize& size,
     : device(device)
     , size(size)
     , audioFormat(audioFormat)
+    , audioQueue(audioFormat ? audioFormat->sampleRate : 0)
 {
 }
 
@@ -204,21 +202,22 @@ std::chrono::milliseconds Muxer::recordedTime()
     return orvane::recordedTime(*output);
 }
 
-void Muxer::writeVideo(const QImage& image)
+void Muxer::writeVideo(const QImage& image, CaptureTime captured)
 {
     if (isInterruptionRequested())
         return;
     QMutexLocker lock(&output->mutex);
     output->image = image;
+    output->imageCaptured = captured;
     output->imageFresh = true;
 }
 
-void Muxer::writeAudio(const QByteArray& samples, qint64 sampleCount)
+void Muxer::writeAudio(const QByteArray& samples, qint64 sampleCount, CaptureTime captured)
 {
-    if (isInterruptionRequested())
+    if (isInterruptionRequested() || !output->audioFormat)
         return;
     QMutexLocker lock(&output->mutex);
-    queueAudio(*output, samples, sampleCount);
+    output->audioQueue.append(AudioChunk{samples, sampleCount, captured});
 }
 
 std::chrono::milliseconds recordedTime(const MuxerOutput& output)
@@ -230,24 +229,6 @@ std::chrono::milliseconds recordedTime(const MuxerOutput& output)
     const AVRational timeBase = output.videoContext->time_base;
     const int64_t frames = output.encodedFrames.load(std::memory_order_relaxed);
     return std::chrono::milliseconds(frames * 1000 * timeBase.num / timeBase.den);
-}
-
-void queueAudio(MuxerOutput& output, const QByteArray& samples, qint64 sampleCount)
-{
-    if (!output.audioFormat)
-        return;
-    output.audioQueue.append(AudioChunk{samples, sampleCount});
-    output.queuedSamples += sampleCount;
-    const qint64 limit = qint64(maxQueuedSeconds) * output.audioFormat->sampleRate;
-    if (output.queuedSamples > limit && output.audioQueue.size() > 1) {
-        if (!output.audioQueueFull)
-            qCWarning(lcScreenReel) << "audio queue full, dropping the oldest samples";
-        output.audioQueueFull = true;
-        while (output.queuedSamples > limit && output.audioQueue.size() > 1)
-            output.queuedSamples -= output.audioQueue.takeFirst().sampleCount;
-    } else if (output.queuedSamples <= limit / 2) {
-        output.audioQueueFull = false;
-    }
 }
 
 // The video clock follows the audio clock: when it has fallen more than ten
@@ -273,8 +254,9 @@ void Muxer::run()
         return;
     setPriority(QThread::TimeCriticalPriority);
     try {
-        // Tick n is due at start + n ticks. A tick that ends a whole tick or
-        // more late restarts the grid from now: lost time is not made up.
+        // Tick n is due at start + n ticks. Ticks lost wholly to a late one
+        // are not made up, but the video clock counts them: the picture
+        // before stays on for their time, and the track keeps real time.
         using Clock = std::chrono::steady_clock;
         const auto tick = std::chrono::milliseconds(1000 / out.frameRate);
         auto deadline = Clock::now() + tick;
@@ -294,10 +276,15 @@ void Muxer::run()
             encodeAudioStep(out);
 
             const auto now = Clock::now();
-            if (now - deadline >= tick)
-                deadline = now;
-            else
+            if (now - deadline >= tick) {
+                const auto lost = (now - deadline) / tick;
+                deadline += lost * tick;
+                // Before the first picture there is no track to keep in time.
+                if (out.videoFrameCount > 0)
+                    out.videoFrameCount += uint64_t(lost);
+            } else {
                 std::this_thread::sleep_until(deadline);
+            }
             deadline += tick;
         }
     } catch (const std::exception& e) {

@@ -30,8 +30,8 @@ public:
     bool start() override;
     void stop() override;
     std::chrono::milliseconds recordedTime() override;
-    void writeVideo(const QImage& image) override;
-    void writeAudio(const QByteArray& samples, qint64 sampleCount) override;
+    void writeVideo(const QImage& image, CaptureTime captured) override;
+    void writeAudio(const QByteArray& samples, qint64 sampleCount, CaptureTime captured) override;
 
 private:
     void run() override;

@@ -1,6 +1,8 @@
 #pragma once
 
+#include "AudioQueue.h"
 #include "pipeline/AudioFormat.h"
+#include "pipeline/CaptureTime.h"
 
 #include <QByteArray>
 #include <QImage>
@@ -12,6 +14,7 @@
 #include <chrono>
 #include <cstdint>
 #include <optional>
+#include <vector>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -27,11 +30,18 @@ struct SwsContext;
 
 namespace orvane {
 
-// Samples of one writeAudio call, shared with the caller.
-struct AudioChunk
+// Where the two tracks stand on the capture clock, where the inputs give
+// capture times. Muxer thread only.
+struct Timeline
 {
-    QByteArray samples;
-    qint64 sampleCount = 0;  // per channel
+    // The capture time that belongs to time 0 of the file, measured as the
+    // median over the first new images of their capture time less their time
+    // in the file. The sound begins there.
+    CaptureTime start = noCaptureTime;
+    std::vector<CaptureTime> starts;  // the measurements, until `start` is fixed
+    uint64_t firstFrame = 0;          // video clock at the first measurement
+    bool untimed = false;             // an input gives none: the counters alone time the tracks
+    qint64 audioPlaced = 0;           // source samples on the audio track, silence included
 };
 
 // Everything the Muxer works with. Set up before its thread starts and taken
@@ -45,7 +55,7 @@ struct MuxerOutput
 
     bool valid = false;
     bool finished = false;  // finish has begun
-    QMutex mutex;           // guards image, imageFresh, audioQueue, audioQueueFull
+    QMutex mutex;           // guards image, imageCaptured, imageFresh, audioQueue
     QIODevice* const device;
     const QSize size;
     const std::optional<AudioFormat> audioFormat;
@@ -67,13 +77,13 @@ struct MuxerOutput
 
     uint64_t videoFrameCount = 0;   // video clock, in frames; Muxer thread only
     uint64_t audioSampleCount = 0;  // audio clock, in samples; Muxer thread only
+    Timeline timeline;              // Muxer thread only
     // Frames the video encoder has taken, published for recordedTime.
     std::atomic<int64_t> encodedFrames{0};
 
-    QList<AudioChunk> audioQueue;   // mutex
-    qint64 queuedSamples = 0;       // mutex; samples per channel in audioQueue
-    bool audioQueueFull = false;    // mutex; a drop has been reported
+    AudioQueue audioQueue;          // mutex
     QImage image;                   // mutex; the newest image
+    CaptureTime imageCaptured = noCaptureTime;  // mutex; when it was captured
     bool imageFresh = false;        // mutex; image not yet taken
     int audioFrameSize = 0;         // samples per channel in each encoder frame
     int audioFrameFill = 0;         // samples in audioFrame still waiting for the rest of it
@@ -94,8 +104,21 @@ void finish(MuxerOutput& output);
 // Under mutex, Muxer thread: lets the video clock catch up with the audio
 // clock by a jump of ten frames. True when it jumped.
 bool compareClocks(MuxerOutput& output);
-// Under mutex: appends a chunk, dropping the oldest beyond ten seconds.
-void queueAudio(MuxerOutput& output, const QByteArray& samples, qint64 sampleCount);
+// Muxer thread. A new image of capture time `captured` went into the
+// picture under the current video clock: a measurement of the timeline's start.
+void noteImage(MuxerOutput& output, CaptureTime captured);
+// Where a chunk of `count` source samples captured at `captured` goes on an
+// audio track whose next sample is due at `due` (both on the capture clock),
+// at `rate` samples a second: samples to drop from its head (sound from
+// before the track's start, or that overlaps sound already placed), or
+// silence to put before it (a gap: a suspended or starved source, chunks
+// dropped). Offsets within `tolerance` microseconds are left alone.
+struct Placement
+{
+    qint64 skip = 0;
+    qint64 silence = 0;
+};
+Placement placeChunk(CaptureTime due, CaptureTime captured, qint64 count, int rate, int64_t tolerance);
 // Any thread: the frames given to the video encoder, in milliseconds.
 std::chrono::milliseconds recordedTime(const MuxerOutput& output);
 

@@ -151,6 +151,7 @@ bool openVideoStream(MuxerOutput& output)
 void encodeVideoStep(MuxerOutput& output)
 {
     QImage image;
+    CaptureTime captured = noCaptureTime;
     {
         QMutexLocker lock(&output.mutex);
         if (output.image.isNull())
@@ -158,18 +159,22 @@ void encodeVideoStep(MuxerOutput& output)
         if (output.imageFresh) {
             output.imageFresh = false;
             image = output.image;
+            captured = output.imageCaptured;
         }
     }
     // An image of another size than the converter was built for would be
     // read past its end; the producer guarantees the size, so one that
     // differs is dropped and the last picture stands again.
-    if (!image.isNull() && image.size() == output.size) {
+    const bool converted = !image.isNull() && image.size() == output.size;
+    if (converted) {
         const uint8_t* planes[4] = {image.constBits(), nullptr, nullptr, nullptr};
         const int strides[4] = {int(image.bytesPerLine()), 0, 0, 0};
         sws_scale(output.scaler, planes, strides, 0, image.height(), output.videoFrame->data,
                   output.videoFrame->linesize);
     }
     output.videoFrame->pts = int64_t(++output.videoFrameCount);
+    if (converted)
+        noteImage(output, captured);
     encodeFrame(output.formatContext, output.videoContext, output.videoStream, output.videoFrame,
                 output.videoPacket);
     output.encodedFrames.store(frameNumber(output.videoContext), std::memory_order_relaxed);

@@ -24,16 +24,16 @@ QSize Source::videoSize()
     return QSize(0, 0);
 }
 
-void Source::pushImage(const QImage& image)
+void Source::pushImage(const QImage& image, CaptureTime captured)
 {
-    pipeline->target->writeVideo(image);
+    pipeline->target->writeVideo(image, captured);
     if (pipeline->view)
         pipeline->view->setImage(image);
 }
 
-void Source::pushAudio(const QByteArray& samples, qint64 sampleCount)
+void Source::pushAudio(const QByteArray& samples, qint64 sampleCount, CaptureTime captured)
 {
-    pipeline->target->writeAudio(samples, sampleCount);
+    pipeline->target->writeAudio(samples, sampleCount, captured);
 }
 
 void Source::abort()

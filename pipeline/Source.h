@@ -1,6 +1,7 @@
 #pragma once
 
 #include "AudioFormat.h"
+#include "CaptureTime.h"
 
 #include <QByteArray>
 #include <QSize>
@@ -33,9 +34,10 @@ public:
 
 protected:
     // The producer's own thread. pushImage may block on the consumer's short
-    // lock and then on the preview's lock, never on both at once.
-    void pushImage(const QImage& image);
-    void pushAudio(const QByteArray& samples, qint64 sampleCount);
+    // lock and then on the preview's lock, never on both at once. The capture
+    // time is that of the picture, or of the first of the samples.
+    void pushImage(const QImage& image, CaptureTime captured);
+    void pushAudio(const QByteArray& samples, qint64 sampleCount, CaptureTime captured);
     // The producer's own thread, when it gives up: ends the whole recording.
     void abort();
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CaptureTime.h"
+
 #include <QtGlobal>
 
 #include <chrono>
@@ -31,9 +33,9 @@ public:
     // GUI thread, only on a consumer whose set-up succeeded.
     virtual std::chrono::milliseconds recordedTime() = 0;
     // Keeps the newest image only (a mailbox of one place).
-    virtual void writeVideo(const QImage& image) = 0;
-    // Queues the samples in order.
-    virtual void writeAudio(const QByteArray& samples, qint64 sampleCount) = 0;
+    virtual void writeVideo(const QImage& image, CaptureTime captured) = 0;
+    // Queues the samples in order; `captured` is the first sample's capture time.
+    virtual void writeAudio(const QByteArray& samples, qint64 sampleCount, CaptureTime captured) = 0;
 
 protected:
     // The consumer's own thread, when it gives up: ends the whole recording.

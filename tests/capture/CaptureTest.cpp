@@ -14,6 +14,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavdevice/avdevice.h>
 #include <libavformat/avformat.h>
+#include <libavutil/time.h>
 }
 
 using namespace orvane;
@@ -42,9 +43,12 @@ public:
     bool start() override { return true; }
     void stop() override {}
     std::chrono::milliseconds recordedTime() override { return {}; }
-    void writeAudio(const QByteArray&, qint64) override {}
-    void writeVideo(const QImage& image) override
+    void writeAudio(const QByteArray&, qint64, CaptureTime) override {}
+    void writeVideo(const QImage& image, CaptureTime captured) override
     {
+        // On the system clock, a moment ago.
+        const int64_t age = av_gettime() - captured;
+        mistimed += age < 0 || age > 1000000;
         rewritten += image.constBits() == latest.constBits();
         latest = image;
         ++count;
@@ -52,6 +56,7 @@ public:
     QImage latest;  // the video thread's until it has ended
     std::atomic<int> count{0};
     int rewritten = 0;
+    int mistimed = 0;
 };
 
 // Opens a lavfi graph as a worker does and frees what was made: the index of
@@ -192,6 +197,7 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(target->count >= 10, 30000);
         pipeline.stop();
         QCOMPARE(target->rewritten, 0);
+        QCOMPARE(target->mistimed, 0);
         const QImage& image = target->latest;
         QCOMPARE(image.format(), QImage::Format_BGR888);
         QCOMPARE(image.size(), region.size());

@@ -64,6 +64,11 @@ QByteArray tone(const AudioFormat& format, int from)
     return QByteArray(reinterpret_cast<const char*>(data.constData()), data.size() * 4);
 }
 
+void queueAudio(MuxerOutput& output, const QByteArray& samples, qint64 count, CaptureTime captured = noCaptureTime)
+{
+    output.audioQueue.append(AudioChunk{samples, count, captured});
+}
+
 MuxerOutput& setUp(MuxerOutput& output)
 {
     output.valid = output.setUp();
@@ -169,7 +174,7 @@ void MuxerTest::lifecycle()
     auto pipeline = recording(&buffer, QSize(160, 120));
     Target* muxer = pipeline->target.get();
     QVERIFY(!run || pipeline->start());
-    muxer->writeVideo(picture(QSize(160, 120), 'G'));
+    muxer->writeVideo(picture(QSize(160, 120), 'G'), noCaptureTime);
     QTRY_VERIFY_WITH_TIMEOUT(!run || muxer->recordedTime() >= 400ms, 60000);
     run ? pipeline->stop() : muxer->stop();
     const auto recorded = muxer->recordedTime();
@@ -231,7 +236,7 @@ void MuxerTest::refusedWrites()
     auto pipeline = recording(&device, QSize(320, 240));
     Target* muxer = pipeline->target.get();
     QVERIFY(pipeline->start());
-    auto feed = [&] { return muxer->writeVideo(picture(QSize(320, 240), 'N')), true; };
+    auto feed = [&] { return muxer->writeVideo(picture(QSize(320, 240), 'N'), noCaptureTime), true; };
     QTRY_VERIFY_WITH_TIMEOUT(feed() && log.texts(QtWarningMsg).size() >= 2, 60000);
     const auto before = muxer->recordedTime();
     QTRY_VERIFY_WITH_TIMEOUT(feed() && muxer->recordedTime() >= before + 200ms, 60000);

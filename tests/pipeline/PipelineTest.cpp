@@ -46,8 +46,8 @@ public:
         stopThread(*this);
     }
     std::chrono::milliseconds recordedTime() override { return {}; }
-    void writeVideo(const QImage&) override { ++images; }
-    void writeAudio(const QByteArray&, qint64) override {}
+    void writeVideo(const QImage&, CaptureTime) override { ++images; }
+    void writeAudio(const QByteArray&, qint64, CaptureTime) override {}
     std::atomic<int> images{0};
 
 private:
@@ -62,7 +62,7 @@ private:
                 name == "target" ? Target::abort() : Source::abort();
             }
             if (name == "video")
-                pushImage(QImage(8, 6, QImage::Format_BGR888));
+                pushImage(QImage(8, 6, QImage::Format_BGR888), noCaptureTime);
         }
         msleep(name == "target" ? script.targetEndsMs : 0);
     }

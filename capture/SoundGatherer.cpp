@@ -1,0 +1,138 @@
+#include "SoundGatherer.h"
+
+#include <algorithm>
+
+extern "C" {
+#include <libavutil/avutil.h>
+#include <libavutil/mathematics.h>
+}
+
+namespace orvane {
+
+namespace {
+
+constexpr int piecesPerSecond = 25;
+// A stretch is placed once this much of it has come (microseconds of
+// sound), by the stamps from `settleFrom` on, over the last `window`.
+constexpr int64_t settleAfter = 1500000;
+constexpr int64_t settleFrom = 750000;
+constexpr int64_t window = 2000000;
+// A stamp this far from the settled place of its stretch comes after a gap.
+constexpr int64_t gapAtLeast = 100000;
+
+int64_t median(std::vector<int64_t> values)
+{
+    auto middle = values.begin() + values.size() / 2;
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
+}
+
+} // namespace
+
+SoundGatherer::SoundGatherer(AVSampleFormat format, int channels, int rate, Push push)
+    : rate(rate)
+    , planeCount(av_sample_fmt_is_planar(format) ? channels : 1)
+    , push(std::move(push))
+    , pieceSamples((rate + piecesPerSecond - 1) / piecesPerSecond)
+{
+    startPiece();
+}
+
+int64_t SoundGatherer::duration(qint64 samples) const
+{
+    return av_rescale(samples, AV_TIME_BASE, rate);
+}
+
+void SoundGatherer::startPiece()
+{
+    current = Piece{std::vector<QByteArray>(size_t(planeCount)), 0, next};
+}
+
+void SoundGatherer::add(const uint8_t* const* planes, int lineSize, int count, CaptureTime stamped)
+{
+    if (stamped == noCaptureTime)
+        timed = false;
+    const int64_t stampOffset = timed ? stamped - duration(next) : 0;
+    if (timed && settled && std::abs(stampOffset - offset) >= gapAtLeast) {
+        // A gap: what came before is placed by its own stretch.
+        if (current.count > 0)
+            release(current, offset);
+        startPiece();
+        stretchBegin = next;
+        stamps.clear();
+        settled = false;
+    }
+    if (timed) {
+        stamps.push_back({next, stampOffset});
+        while (stamps.front().sample < next - av_rescale(window, rate, AV_TIME_BASE))
+            stamps.pop_front();
+    }
+    for (int i = 0; i < planeCount; ++i)
+        current.planes[size_t(i)].append(reinterpret_cast<const char*>(planes[i]), lineSize);
+    current.count += count;
+    next += count;
+    if (current.count >= pieceSamples) {
+        waiting.push_back(std::move(current));
+        startPiece();
+    }
+    if (!timed) {
+        while (!waiting.empty()) {
+            release(waiting.front(), noCaptureTime);
+            waiting.pop_front();
+        }
+        return;
+    }
+    if (!settledOffset(false, &offset))
+        return;
+    settled = true;
+    while (!waiting.empty()) {
+        release(waiting.front(), offset);
+        waiting.pop_front();
+    }
+}
+
+bool SoundGatherer::settledOffset(bool final, int64_t* result)
+{
+    const qint64 span = next - stretchBegin;
+    if (!final && span < av_rescale(settleAfter, rate, AV_TIME_BASE))
+        return false;
+    // The stamps after the swing; at the end of a short stretch its later half.
+    const qint64 from = stretchBegin + std::min<qint64>(av_rescale(settleFrom, rate, AV_TIME_BASE), span / 2);
+    std::vector<int64_t> offsets;
+    for (const Stamp& stamp : stamps) {
+        if (stamp.sample >= from)
+            offsets.push_back(stamp.offset);
+    }
+    if (offsets.empty()) {
+        if (stamps.empty())
+            return false;
+        offsets.push_back(stamps.back().offset);
+    }
+    *result = median(std::move(offsets));
+    return true;
+}
+
+void SoundGatherer::flush()
+{
+    int64_t estimate = offset;
+    const bool placed = timed && (settled || settledOffset(true, &estimate));
+    const CaptureTime at = placed ? estimate : noCaptureTime;
+    while (!waiting.empty()) {
+        release(waiting.front(), at);
+        waiting.pop_front();
+    }
+    if (current.count > 0)
+        release(current, at);
+    startPiece();
+}
+
+void SoundGatherer::release(Piece& piece, CaptureTime pieceOffset)
+{
+    QByteArray samples = std::move(piece.planes[0]);
+    for (size_t i = 1; i < piece.planes.size(); ++i)
+        samples.append(piece.planes[i]);
+    const CaptureTime captured = pieceOffset == noCaptureTime ? noCaptureTime : pieceOffset + duration(piece.first);
+    push(samples, piece.count, captured);
+}
+
+} // namespace orvane
