@@ -4,7 +4,12 @@
 // in the file, paired, and their distance (audio minus video) followed over
 // the recording. Further files are references the first is compared with.
 //
-//   sync-analyse [--pairs] [--beep HZ] [--max-gap MS] [--max-drift MS_PER_MIN] FILE [REFERENCE...]
+//   sync-analyse [--pairs] [--beep HZ] [--max-gap MS] [--max-drift MS_PER_MIN]
+//                [--silence AT:FOR] FILE [REFERENCE...]
+//
+// --silence says the sound stopped AT seconds in for FOR seconds: the first
+// file's offset after that must be where it was before (within the gap
+// limit), and its sound as long as its picture (within 100 ms).
 //
 // Exit status: 0 when the file(s) could be analysed and the comparison is
 // within the limits, 1 when a limit is exceeded, 2 when analysis failed.
@@ -79,7 +84,7 @@ struct Events
 {
     std::vector<double> flashes;  // seconds, first white frame of each flash
     std::vector<double> beeps;    // seconds, onset of each beep
-    double videoLength = 0;
+    double videoLength = 0;  // to the end of the last frame
     double audioLength = 0;
 };
 
@@ -149,8 +154,11 @@ public:
             events->flashes.push_back(time);
         lastWasFlash = flash;
         seenDark = seenDark || !flash;
+        // A frame lasts until the next one is due.
+        const AVRational rate = in.video.stream->avg_frame_rate;
+        const double length = rate.num > 0 ? av_q2d(av_inv_q(rate)) : 0.0;
         if (std::isfinite(time))
-            events->videoLength = std::max(events->videoLength, time);
+            events->videoLength = std::max(events->videoLength, time + length);
     }
 
 private:
@@ -340,6 +348,8 @@ struct Pair
 struct Summary
 {
     std::vector<Pair> pairs;
+    double videoLength = 0;
+    double audioLength = 0;
     double start = NAN;   // ms
     double end = NAN;     // ms
     double drift = NAN;   // ms per minute
@@ -369,6 +379,8 @@ double medianOffset(std::vector<Pair>::const_iterator begin, std::vector<Pair>::
 Summary summarise(const Events& events)
 {
     Summary s;
+    s.videoLength = events.videoLength;
+    s.audioLength = events.audioLength;
     for (const double flash : events.flashes) {
         const auto nearest = std::min_element(events.beeps.begin(), events.beeps.end(),
                                               [flash](double a, double b) {
@@ -423,6 +435,7 @@ int main(int argc, char** argv)
     double beepHz = 1000;
     double maxGap = 45;
     double maxDrift = 5;
+    double silenceAt = -1, silenceFor = 0;
     bool pairs = false;
     std::vector<const char*> files;
     for (int i = 1; i < argc; ++i) {
@@ -432,9 +445,12 @@ int main(int argc, char** argv)
         } else if ((arg == "--beep" || arg == "--max-gap" || arg == "--max-drift") && i + 1 < argc) {
             const double value = std::atof(argv[++i]);
             (arg == "--beep" ? beepHz : arg == "--max-gap" ? maxGap : maxDrift) = value;
+        } else if (arg == "--silence" && i + 1 < argc
+                   && std::sscanf(argv[++i], "%lf:%lf", &silenceAt, &silenceFor) == 2) {
         } else if (arg == "-h" || arg == "--help" || arg.rfind("--", 0) == 0) {
             std::fprintf(stderr,
-                         "usage: %s [--pairs] [--beep HZ] [--max-gap MS] [--max-drift MS_PER_MIN] FILE [REFERENCE...]\n",
+                         "usage: %s [--pairs] [--beep HZ] [--max-gap MS] [--max-drift MS_PER_MIN]"
+                         " [--silence AT:FOR] FILE [REFERENCE...]\n",
                          argv[0]);
             return 2;
         } else {
@@ -472,6 +488,31 @@ int main(int argc, char** argv)
         within = within && close;
         std::printf("first minus %s: start %+.1f ms, end %+.1f ms (limit %.0f): %s\n", files[i], atStart,
                     atEnd, maxGap, close ? "within" : "OUTSIDE");
+    }
+    if (silenceAt >= 0) {
+        // The flashes well before and well after the silence; the sound's
+        // times settle within a second or two after it.
+        std::vector<Pair> before, after;
+        for (const Pair& p : ours.pairs) {
+            if (p.time < silenceAt - 1)
+                before.push_back(p);
+            else if (p.time > silenceAt + silenceFor + 2.5)
+                after.push_back(p);
+        }
+        if (before.empty() || after.empty()) {
+            std::fprintf(stderr, "too few pairs before or after the silence\n");
+            return 2;
+        }
+        const size_t n = std::min({edgePairs, before.size(), after.size()});
+        const double was = medianOffset(before.end() - long(n), before.end());
+        const double is = medianOffset(after.begin(), after.begin() + long(n));
+        const bool kept = std::abs(is - was) <= maxGap;
+        const double longer = (ours.audioLength - ours.videoLength) * 1000;
+        const bool even = std::abs(longer) <= 100;
+        within = within && kept && even;
+        std::printf("silence at %.0f s for %.0f s: offset before %+.1f ms, after %+.1f ms, moved %+.1f ms (limit %.0f): %s\n",
+                    silenceAt, silenceFor, was, is, is - was, maxGap, kept ? "within" : "OUTSIDE");
+        std::printf("sound minus picture: %+.0f ms (limit 100): %s\n", longer, even ? "within" : "OUTSIDE");
     }
     return within ? 0 : 1;
 }

@@ -246,7 +246,7 @@ void finishAudio(MuxerOutput& output)
     // sound ends with the picture, and a silent end is filled to there.
     Timeline& timeline = output.timeline;
     if (timeline.start == noCaptureTime && !timeline.untimed)
-        timeline.untimed = true;  // no picture began: the sound stands as it came
+        fixTimelineStart(timeline);
     CaptureTime end = noCaptureTime;
     if (!timeline.untimed)
         end = timeline.start + int64_t(output.videoFrameCount + 1) * (AV_TIME_BASE / output.frameRate);

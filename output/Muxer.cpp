@@ -12,6 +12,7 @@
 #include <cmath>
 #include <exception>
 #include <thread>
+#include <utility>
 
 extern "C" {
 #include <libavformat/avformat.h>
@@ -209,6 +210,7 @@ void Muxer::writeVideo(const QImage& image, CaptureTime captured)
     QMutexLocker lock(&output->mutex);
     output->image = image;
     output->imageCaptured = captured;
+    output->imageArrived = std::chrono::steady_clock::now();
     output->imageFresh = true;
 }
 
@@ -274,6 +276,9 @@ void Muxer::run()
             }
             encodeVideoStep(out);
             encodeAudioStep(out);
+            // Once, early: the ticks move to where the grabber's images
+            // arrive half a tick before them, not by a hair.
+            deadline += std::exchange(out.timeline.delay, {});
 
             const auto now = Clock::now();
             if (now - deadline >= tick) {

@@ -35,11 +35,17 @@ namespace orvane {
 struct Timeline
 {
     // The capture time that belongs to time 0 of the file, measured as the
-    // median over the first new images of their capture time less their time
-    // in the file. The sound begins there.
+    // median over new images of their capture time less their time in the
+    // file. The sound begins there, and follows it when it moves.
     CaptureTime start = noCaptureTime;
-    std::vector<CaptureTime> starts;  // the measurements, until `start` is fixed
-    uint64_t firstFrame = 0;          // video clock at the first measurement
+    std::vector<CaptureTime> starts;  // the measurements since the last look
+    CaptureTime lastLook = noCaptureTime;  // their median at the last look
+    uint64_t firstFrame = 0;          // video clock at the first picture (from 1)
+    bool settled = false;             // the grabber's first second is over
+    // How long new images waited for their tick (milliseconds), while the
+    // ticks' phase is being chosen; then how far to delay the next tick.
+    std::vector<double> waits;
+    std::chrono::microseconds delay{0};
     bool untimed = false;             // an input gives none: the counters alone time the tracks
     qint64 audioPlaced = 0;           // source samples on the audio track, silence included
 };
@@ -55,7 +61,7 @@ struct MuxerOutput
 
     bool valid = false;
     bool finished = false;  // finish has begun
-    QMutex mutex;           // guards image, imageCaptured, imageFresh, audioQueue
+    QMutex mutex;           // guards image, imageCaptured, imageArrived, imageFresh, audioQueue
     QIODevice* const device;
     const QSize size;
     const std::optional<AudioFormat> audioFormat;
@@ -84,6 +90,7 @@ struct MuxerOutput
     AudioQueue audioQueue;          // mutex
     QImage image;                   // mutex; the newest image
     CaptureTime imageCaptured = noCaptureTime;  // mutex; when it was captured
+    std::chrono::steady_clock::time_point imageArrived;  // mutex; when it was handed in
     bool imageFresh = false;        // mutex; image not yet taken
     int audioFrameSize = 0;         // samples per channel in each encoder frame
     int audioFrameFill = 0;         // samples in audioFrame still waiting for the rest of it
@@ -104,9 +111,16 @@ void finish(MuxerOutput& output);
 // Under mutex, Muxer thread: lets the video clock catch up with the audio
 // clock by a jump of ten frames. True when it jumped.
 bool compareClocks(MuxerOutput& output);
-// Muxer thread. A new image of capture time `captured` went into the
-// picture under the current video clock: a measurement of the timeline's start.
-void noteImage(MuxerOutput& output, CaptureTime captured);
+// Muxer thread. A new image of capture time `captured`, handed in `waited`
+// before this tick, went into the picture under the current video clock:
+// measurements of the ticks' phase and of the timeline's start.
+void noteImage(MuxerOutput& output, CaptureTime captured, std::chrono::microseconds waited);
+// The delay of the ticks that makes images wait half a tick on average, from
+// how long they waited (milliseconds, each within a tick).
+std::chrono::microseconds tickDelay(const std::vector<double>& waits, int frameRate);
+// Muxer thread. Fixes the timeline's start by what has been measured, if
+// anything (else the tracks are timed by the counters alone).
+void fixTimelineStart(Timeline& timeline);
 // Where a chunk of `count` source samples captured at `captured` goes on an
 // audio track whose next sample is due at `due` (both on the capture clock),
 // at `rate` samples a second: samples to drop from its head (sound from

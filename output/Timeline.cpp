@@ -7,6 +7,7 @@
 #include "MuxerOutput.h"
 
 #include <algorithm>
+#include <cmath>
 
 extern "C" {
 #include <libavutil/mathematics.h>
@@ -16,33 +17,99 @@ namespace orvane {
 
 namespace {
 
-// Images measured before the start is fixed: one taken a tick late (the
-// machine was busy) must not decide it. At most this many ticks are spent.
-constexpr size_t startImages = 9;
-constexpr uint64_t startTicks = 25;
+// The grabber catches up on the time since it was opened with a burst of
+// frames at first. After that, the ticks' phase is chosen by how long the
+// images of the rest of the first second waited for their tick: an image
+// that arrives a hair before its tick is as likely taken one tick later,
+// and the picture then shows some images a frame later than others. Then
+// the timeline's start is the median over the next second's new images, so
+// that one taken a tick late (the machine was busy) cannot decide it.
+constexpr uint64_t burstTicks = 10;
+constexpr uint64_t settleTicks = 25;
+constexpr uint64_t measureTicks = 25;
+// Later the images are looked at every two seconds: when the machine's load
+// changes, so can the time an image takes to reach its tick, and the
+// picture then shows what was captured that much later or earlier. A start
+// that two looks in a row find this far off moves, and the sound with it.
+constexpr size_t lookImages = 50;
+constexpr int64_t moveAtLeast = 20000;
+
+CaptureTime median(std::vector<CaptureTime>& values)
+{
+    auto middle = values.begin() + values.size() / 2;
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
+}
 
 } // namespace
 
-void noteImage(MuxerOutput& output, CaptureTime captured)
+void fixTimelineStart(Timeline& timeline)
+{
+    if (timeline.starts.empty()) {
+        timeline.untimed = true;
+        return;
+    }
+    timeline.start = median(timeline.starts);
+    timeline.starts.clear();
+}
+
+std::chrono::microseconds tickDelay(const std::vector<double>& waits, int frameRate)
+{
+    if (waits.empty())
+        return {};
+    // The waits lie on a circle of one tick: an image that just missed its
+    // tick waits nearly a whole one.
+    const double tick = 1000.0 / frameRate;
+    double x = 0, y = 0;
+    for (const double wait : waits) {
+        x += std::cos(2 * M_PI * wait / tick);
+        y += std::sin(2 * M_PI * wait / tick);
+    }
+    const double typical = std::atan2(y, x) / (2 * M_PI) * tick;
+    const double delay = std::fmod(std::fmod(tick / 2 - typical, tick) + tick, tick);
+    return std::chrono::microseconds(int64_t(delay * 1000));
+}
+
+void noteImage(MuxerOutput& output, CaptureTime captured, std::chrono::microseconds waited)
 {
     Timeline& timeline = output.timeline;
-    if (timeline.start != noCaptureTime || timeline.untimed)
+    if (timeline.untimed)
         return;
     if (captured == noCaptureTime) {
         timeline.untimed = true;
         return;
     }
     const int64_t frame = AV_TIME_BASE / output.frameRate;
-    if (timeline.starts.empty())
-        timeline.firstFrame = output.videoFrameCount;
-    timeline.starts.push_back(captured - int64_t(output.videoFrameCount) * frame);
-    if (timeline.starts.size() < startImages
-        && output.videoFrameCount < timeline.firstFrame + startTicks)
+    const CaptureTime start = captured - int64_t(output.videoFrameCount) * frame;
+    if (timeline.start != noCaptureTime) {
+        timeline.starts.push_back(start);
+        if (timeline.starts.size() < lookImages)
+            return;
+        const CaptureTime look = median(timeline.starts);
+        timeline.starts.clear();
+        if (std::abs(look - timeline.start) >= moveAtLeast && timeline.lastLook != noCaptureTime
+            && std::abs(look - timeline.lastLook) < moveAtLeast)
+            timeline.start = look;
+        timeline.lastLook = look;
         return;
-    auto middle = timeline.starts.begin() + timeline.starts.size() / 2;
-    std::nth_element(timeline.starts.begin(), middle, timeline.starts.end());
-    timeline.start = *middle;
-    timeline.starts = {};
+    }
+    if (timeline.firstFrame == 0)
+        timeline.firstFrame = output.videoFrameCount;
+    const uint64_t since = output.videoFrameCount - timeline.firstFrame;
+    if (since >= burstTicks && since < settleTicks)
+        timeline.waits.push_back(double(waited.count()) / 1000.0);
+    if (since >= settleTicks && !timeline.settled) {
+        // The ticks move from the next one on. What was measured so far
+        // stands in only for a recording that ends before the next second.
+        timeline.delay = tickDelay(timeline.waits, output.frameRate);
+        timeline.waits = {};
+        timeline.starts.clear();
+        timeline.settled = true;
+        return;
+    }
+    timeline.starts.push_back(start);
+    if (since >= settleTicks + measureTicks)
+        fixTimelineStart(timeline);
 }
 
 Placement placeChunk(CaptureTime due, CaptureTime captured, qint64 count, int rate, int64_t tolerance)

@@ -152,6 +152,7 @@ void encodeVideoStep(MuxerOutput& output)
 {
     QImage image;
     CaptureTime captured = noCaptureTime;
+    std::chrono::steady_clock::time_point arrived;
     {
         QMutexLocker lock(&output.mutex);
         if (output.image.isNull())
@@ -160,6 +161,7 @@ void encodeVideoStep(MuxerOutput& output)
             output.imageFresh = false;
             image = output.image;
             captured = output.imageCaptured;
+            arrived = output.imageArrived;
         }
     }
     // An image of another size than the converter was built for would be
@@ -174,7 +176,8 @@ void encodeVideoStep(MuxerOutput& output)
     }
     output.videoFrame->pts = int64_t(++output.videoFrameCount);
     if (converted)
-        noteImage(output, captured);
+        noteImage(output, captured, std::chrono::duration_cast<std::chrono::microseconds>(
+                                        std::chrono::steady_clock::now() - arrived));
     encodeFrame(output.formatContext, output.videoContext, output.videoStream, output.videoFrame,
                 output.videoPacket);
     output.encodedFrames.store(frameNumber(output.videoContext), std::memory_order_relaxed);

@@ -106,6 +106,7 @@ private slots:
     void wholeAudioFrames();
     void audioTracks_data();
     void audioTracks();
+    void capturedTogether();
 };
 
 // Each character of `steps` is a tick: R, G, B hand in a picture, b one of
@@ -406,6 +407,46 @@ void MuxerTest::audioTracks()
         QCOMPARE(track.packets[i].pts - track.packets[i - 1].pts, qint64(1024));
     const QString wrong = checkTone(probe.decodeAudio(), 2, 44100, 440);
     QVERIFY2(wrong.isEmpty(), qPrintable(wrong));
+}
+
+// A flash and a beep captured at the same moment play at the same moment,
+// whenever the sound began.
+void MuxerTest::capturedTogether()
+{
+    const AudioFormat s16{AV_SAMPLE_FMT_S16, 48000, 2, 3};
+    const CaptureTime t0 = 1800000000000000;
+    const QSize size(320, 240);
+    QFile file("/tmp/calib.mp4");
+    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    {
+        MuxerOutput output(&file, size, s16);
+        QVERIFY(setUp(output).valid);
+        qint64 sample = 0;
+        const CaptureTime soundStart = t0 - 300000;
+        for (int tick = 1; tick <= 250; ++tick) {
+            const CaptureTime captured = t0 + tick * 40000 - 13000;
+            QImage image(size, QImage::Format_BGR888);
+            image.fill(Qt::black);
+            const int ms = int((captured - t0) / 1000) % 2000;
+            if (ms >= 1000 && ms < 1200)
+                image.fill(Qt::white);
+            output.image = image;
+            output.imageCaptured = captured;
+            output.imageFresh = true;
+            encodeVideoStep(output);
+            QByteArray chunk(1920 * 4, Qt::Uninitialized);
+            auto* pcm = reinterpret_cast<int16_t*>(chunk.data());
+            for (int i = 0; i < 1920; ++i) {
+                const CaptureTime at = soundStart + (sample + i) * 1000000 / 48000;
+                const int ms = int((at - t0) / 1000 + 100000) % 2000;
+                const int16_t v = ms >= 1000 && ms < 1100 ? int16_t(20000 * std::sin(2 * M_PI * 1000 * (sample + i) / 48000.0)) : 0;
+                pcm[2 * i] = pcm[2 * i + 1] = v;
+            }
+            queueAudio(output, chunk, 1920, soundStart + sample * 1000000 / 48000);
+            sample += 1920;
+            encodeAudioStep(output);
+        }
+    }
 }
 
 QTEST_MAIN(MuxerTest)
