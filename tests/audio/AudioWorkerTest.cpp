@@ -3,6 +3,7 @@
 
 #include "capture/AudioWorker.h"
 #include "capture/Platform.h"
+#include "capture/SoundGatherer.h"
 #include "pipeline/Pipeline.h"
 #include "support/FakeSource.h"
 #include "support/LogCapture.h"
@@ -14,6 +15,8 @@
 #include <QSignalSpy>
 #include <QThread>
 #include <QtTest>
+
+#include <cmath>
 
 using namespace orvane;
 using namespace orvane::test;
@@ -93,6 +96,9 @@ private slots:
     void lostStreamAborts();
     void stopWhileSuspended();
     void openWhileSuspended();
+    void movedThenRemoved();
+    void gatheredTimes_data();
+    void gatheredTimes();
 };
 
 void AudioWorkerTest::deliversTheDeviceSamples()
@@ -171,6 +177,86 @@ void AudioWorkerTest::openWhileSuspended()
     QVERIFY(r.pipeline->audio->audioFormat() == AudioFormat{});
     QVERIFY(!r.pipeline->start());
     QVERIFY(log.texts(QtWarningMsg).contains("audio device [ \"reel.monitor\" ] delivers no sound"));
+}
+
+// The user moves the stream to another source: the recording follows it.
+// That source is then removed, and the server moves the stream on: that is
+// a loss, and it ends the recording.
+void AudioWorkerTest::movedThenRemoved()
+{
+    const QString module = QString::fromUtf8(pactl({"load-module", "module-null-sink", "sink_name=other"})).trimmed();
+    QVERIFY(!module.isEmpty());
+    Recording r("reel.monitor");
+    LogCapture log;
+    QVERIFY(r.pipeline->start());
+    QTRY_VERIFY_WITH_TIMEOUT(r.target->chunks > 0, longWait);
+    const QJsonArray streams = QJsonDocument::fromJson(pactl({"-f", "json", "list", "source-outputs"})).array();
+    QCOMPARE(streams.size(), 1);
+    pactl({"move-source-output", QString::number(streams.at(0)[QLatin1String("index")].toInt()), "other.monitor"});
+    const qint64 moved = r.target->samples;
+    QTRY_VERIFY_WITH_TIMEOUT(r.target->samples > moved + 48000, longWait);
+    QCOMPARE(r.stopped.load(), 0);
+    pactl({"unload-module", module});
+    QTRY_COMPARE_WITH_TIMEOUT(r.stopped.load(), 1, longWait);
+    QVERIFY(log.texts(QtWarningMsg).contains("audio device [ \"reel.monitor\" ] is gone"));
+}
+
+void AudioWorkerTest::gatheredTimes_data()
+{
+    QTest::addColumn<int>("frameSamples");
+    QTest::addColumn<int>("gapMs");
+    QTest::addColumn<bool>("stamped");
+    QTest::newRow("the stamps swing at first, pieces wait until they settle") << 3840 << 0 << true;
+    QTest::newRow("a gap of two seconds, stamps swinging after it") << 1920 << 2000 << true;
+    QTest::newRow("short frames gather into pieces of a tick") << 441 << 0 << true;
+    QTest::newRow("no stamps: pieces go at once") << 441 << 0 << false;
+}
+
+// The sound server's stamps swing by up to half a second for about a second
+// after a start and after a gap; the pieces handed on follow the samples
+// from where the stamps settle.
+void AudioWorkerTest::gatheredTimes()
+{
+    QFETCH(int, frameSamples);
+    QFETCH(int, gapMs);
+    QFETCH(bool, stamped);
+    struct Piece { qint64 first, count; CaptureTime captured; };
+    std::vector<Piece> pieces;
+    qint64 handed = 0;
+    SoundGatherer gatherer(AV_SAMPLE_FMT_S16, 2, 48000, [&](const QByteArray& samples, qint64 count, CaptureTime captured) {
+        QCOMPARE(samples.size(), count * 4);
+        pieces.push_back({handed, count, captured});
+        handed += count;
+    });
+    const CaptureTime t0 = 1800000000000000;
+    const qint64 gapAt = 48000 * 8;  // samples
+    const auto truth = [&](qint64 sample) {
+        return t0 + sample * 1000000 / 48000 + (sample >= gapAt ? gapMs * 1000 : 0);
+    };
+    const QByteArray silence(frameSamples * 4, '\0');
+    const uint8_t* planes[1] = {reinterpret_cast<const uint8_t*>(silence.constData())};
+    qint64 added = 0;
+    for (; added < 48000 * 16; added += frameSamples) {
+        // A damped swing from where the stretch began: -0.5 s at first.
+        const qint64 into = added >= gapAt && gapMs ? added - gapAt : added;
+        const double t = double(into) / 48000;
+        const double swing = -500000 * std::cos(2 * M_PI * t / 1.2) * std::exp(-t / 0.3);
+        const CaptureTime stamp = stamped ? truth(added) + CaptureTime(swing) : noCaptureTime;
+        const size_t before = pieces.size();
+        gatherer.add(planes, silence.size(), frameSamples, stamp);
+        if (stamped && added < 48000 && pieces.size() != before)
+            QFAIL("a piece was handed on before the stamps settled");
+    }
+    gatherer.flush();
+    QCOMPARE(handed, added);
+    for (size_t i = 0; i < pieces.size(); ++i) {
+        const Piece& piece = pieces[i];
+        const bool last = i + 1 == pieces.size() || pieces[i + 1].first == gapAt;
+        QVERIFY2(last || piece.count >= 1920, qPrintable(QString::number(piece.count)));
+        const CaptureTime expected = stamped ? truth(piece.first) : noCaptureTime;
+        QVERIFY2(qAbs(piece.captured - expected) < 15000,
+                 qPrintable(QString("piece at sample %1: %2 ms off").arg(piece.first).arg((piece.captured - expected) / 1000)));
+    }
 }
 
 QTEST_GUILESS_MAIN(AudioWorkerTest)

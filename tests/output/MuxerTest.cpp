@@ -28,11 +28,11 @@ namespace {
 
 const AudioFormat cd{AV_SAMPLE_FMT_S16, 44100, 2, 3};
 
-// R, G or B all over; N noise, which encodes to large packets.
+// R, G, B or W all over; N noise, which encodes to large packets.
 QImage picture(const QSize& size, QChar name)
 {
     QImage image(size, QImage::Format_BGR888);
-    image.fill(name == 'R' ? Qt::red : name == 'G' ? Qt::green : Qt::blue);
+    image.fill(name == 'R' ? Qt::red : name == 'G' ? Qt::green : name == 'W' ? Qt::white : Qt::blue);
     if (name == 'N')
         QRandomGenerator::global()->fillRange(reinterpret_cast<quint32*>(image.bits()), image.sizeInBytes() / 4);
     return image;
@@ -44,7 +44,8 @@ QString centres(const QVector<QImage>& images)
     QString names;
     for (const QImage& image : images) {
         const QColor c = image.pixelColor(image.width() / 2, image.height() / 2);
-        names += c.red() > 200 && c.green() + c.blue() < 90 ? 'R' : c.green() > 200 && c.red() + c.blue() < 90 ? 'G'
+        names += c.red() > 200 && c.green() > 200 && c.blue() > 200 ? 'W'
+                 : c.red() > 200 && c.green() + c.blue() < 90 ? 'R' : c.green() > 200 && c.red() + c.blue() < 90 ? 'G'
                  : c.blue() > 200 && c.red() + c.green() < 90 ? 'B' : '?';
     }
     return names;
@@ -409,43 +410,87 @@ void MuxerTest::audioTracks()
     QVERIFY2(wrong.isEmpty(), qPrintable(wrong));
 }
 
-// A flash and a beep captured at the same moment play at the same moment,
-// whenever the sound began.
+// Where the inputs tell when they captured, what was captured together plays
+// together: sound from before the picture's start is cut off, a gap in the
+// sound becomes as much silence, and the sound ends with the picture.
 void MuxerTest::capturedTogether()
 {
     const AudioFormat s16{AV_SAMPLE_FMT_S16, 48000, 2, 3};
     const CaptureTime t0 = 1800000000000000;
-    const QSize size(320, 240);
-    QFile file("/tmp/calib.mp4");
-    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    const QSize size(64, 48);
+    // On from 1 s to 1.2 s of every 2 s after t0, and at -0.25 s.
+    const auto on = [t0](CaptureTime at, int lengthMs) {
+        const int64_t ms = (at - t0) / 1000;
+        return (ms >= 0 && ms % 2000 >= 1000 && ms % 2000 < 1000 + lengthMs) || (ms >= -250 && ms < -150);
+    };
+    QTemporaryFile file;
+    QVERIFY(file.open());
     {
         MuxerOutput output(&file, size, s16);
         QVERIFY(setUp(output).valid);
+        // The sound begins 0.3 s before the first image; 1.1 s of it, from
+        // 4.9 s on, never comes.
         qint64 sample = 0;
-        const CaptureTime soundStart = t0 - 300000;
-        for (int tick = 1; tick <= 250; ++tick) {
-            const CaptureTime captured = t0 + tick * 40000 - 13000;
-            QImage image(size, QImage::Format_BGR888);
-            image.fill(Qt::black);
-            const int ms = int((captured - t0) / 1000) % 2000;
-            if (ms >= 1000 && ms < 1200)
-                image.fill(Qt::white);
-            output.image = image;
+        const CaptureTime soundFrom = t0 - 300000;
+        // The picture stops first: the sound goes on 0.3 s longer.
+        for (int tick = 1; tick <= 258; ++tick) {
+            const CaptureTime captured = t0 + tick * 40000;
+            if (tick > 250) {
+                queueAudio(output, QByteArray(1920 * 4, '\0'), 1920, soundFrom + sample * 1000000 / 48000);
+                sample += 1920;
+                continue;
+            }
+            output.image = picture(size, on(captured, 200) ? 'W' : 'B');
             output.imageCaptured = captured;
             output.imageFresh = true;
             encodeVideoStep(output);
-            QByteArray chunk(1920 * 4, Qt::Uninitialized);
-            auto* pcm = reinterpret_cast<int16_t*>(chunk.data());
-            for (int i = 0; i < 1920; ++i) {
-                const CaptureTime at = soundStart + (sample + i) * 1000000 / 48000;
-                const int ms = int((at - t0) / 1000 + 100000) % 2000;
-                const int16_t v = ms >= 1000 && ms < 1100 ? int16_t(20000 * std::sin(2 * M_PI * 1000 * (sample + i) / 48000.0)) : 0;
-                pcm[2 * i] = pcm[2 * i + 1] = v;
+            for (CaptureTime at = soundFrom + sample * 1000000 / 48000; at < captured; at = soundFrom + sample * 1000000 / 48000) {
+                QByteArray chunk(1920 * 4, '\0');
+                auto* pcm = reinterpret_cast<int16_t*>(chunk.data());
+                for (int i = 0; i < 1920; ++i) {
+                    if (on(soundFrom + (sample + i) * 1000000 / 48000, 100))
+                        pcm[2 * i] = pcm[2 * i + 1] = int16_t(20000 * std::sin(2 * M_PI * 1000 * (sample + i) / 48000.0));
+                }
+                if (at < t0 + 4900000 || at >= t0 + 6000000)
+                    queueAudio(output, chunk, 1920, at);
+                sample += 1920;
             }
-            queueAudio(output, chunk, 1920, soundStart + sample * 1000000 / 48000);
-            sample += 1920;
             encodeAudioStep(output);
         }
+    }
+    const MediaProbe probe = MediaProbe::fromFile(file.fileName());
+    QVERIFY2(probe.isValid(), qPrintable(probe.error));
+    const ProbedStream video = probe.streams.value(probe.streamIndex("video"));
+    const ProbedStream audio = probe.streams.value(probe.streamIndex("audio"));
+    QVERIFY2(qAbs(audio.duration - video.duration) < 0.03, qPrintable(QString("sound %1 s, picture %2 s").arg(audio.duration).arg(video.duration)));
+
+    // Where the flashes and the beeps begin, in seconds of the file.
+    QList<double> flashes, beeps;
+    const QString names = centres(probe.decodeVideo());
+    QVector<qint64> pts;
+    for (const ProbedPacket& packet : video.packets)
+        pts.append(packet.pts);
+    std::sort(pts.begin(), pts.end());
+    for (int i = 1; i < names.size(); ++i) {
+        if (names[i] == 'W' && names[i - 1] != 'W')
+            flashes.append(pts.value(i) * video.timeBase);
+    }
+    const QVector<float> sound = probe.decodeAudio();
+    for (int i = 0, quiet = 0; i < sound.size() / 2; ++i) {
+        const bool loud = qAbs(sound[2 * i]) > 0.1f;
+        if (loud && quiet > audio.sampleRate / 20)
+            beeps.append(double(i) / audio.sampleRate);
+        quiet = loud ? 0 : quiet + 1;
+    }
+    QCOMPARE(flashes.size(), 5);
+    // The beep before the start is not there, nor the one of the gap.
+    QCOMPARE(beeps.size(), flashes.size() - 1);
+    for (int f = 0, b = 0; f < flashes.size(); ++f) {
+        if (qAbs(flashes[f] - 5.0) < 0.05)
+            continue;
+        QVERIFY2(qAbs(beeps[b] - flashes[f]) < 0.005,
+                 qPrintable(QString("flash at %1 s, beep at %2 s").arg(flashes[f]).arg(beeps[b])));
+        ++b;
     }
 }
 
