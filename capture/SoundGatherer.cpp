@@ -20,13 +20,6 @@ constexpr int64_t window = 2000000;
 // A stamp this far from the settled place of its stretch comes after a gap.
 constexpr int64_t gapAtLeast = 100000;
 
-int64_t median(std::vector<int64_t> values)
-{
-    auto middle = values.begin() + values.size() / 2;
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
-
 } // namespace
 
 SoundGatherer::SoundGatherer(AVSampleFormat format, int channels, int rate, Push push)
@@ -108,7 +101,7 @@ bool SoundGatherer::settledOffset(bool final, int64_t* result)
             return false;
         offsets.push_back(stamps.back().offset);
     }
-    *result = median(std::move(offsets));
+    *result = median(offsets);
     return true;
 }
 

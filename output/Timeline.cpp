@@ -34,13 +34,6 @@ constexpr uint64_t measureTicks = 25;
 constexpr size_t lookImages = 50;
 constexpr int64_t moveAtLeast = 20000;
 
-CaptureTime median(std::vector<CaptureTime>& values)
-{
-    auto middle = values.begin() + values.size() / 2;
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
-
 } // namespace
 
 void fixTimelineStart(Timeline& timeline)
