@@ -20,7 +20,8 @@ QByteArray run(const QString& program, const QStringList& arguments, QString* er
     QProcess process;
     process.setStandardInputFile(QProcess::nullDevice());
     process.start(program, QStringList{"-v", "error"} + arguments);
-    const bool ran = process.waitForFinished(120000) && process.exitCode() == 0;
+    const bool ran = process.waitForFinished(120000) && process.exitStatus() == QProcess::NormalExit
+                     && process.exitCode() == 0;
     const QString said = QString::fromLocal8Bit(process.readAllStandardError()).trimmed();
     if (error)
         *error = ran ? said : program + " failed: " + said;
