@@ -23,7 +23,6 @@ struct AVIOContext;
 struct AVOutputFormat;
 struct AVStream;
 struct SwrContext;
-struct SwsContext;
 
 namespace orvane {
 
@@ -55,7 +54,6 @@ struct MuxerOutput
     AVFrame* audioFrame = nullptr;
     AVCodecContext* videoContext = nullptr;
     AVCodecContext* audioContext = nullptr;
-    SwsContext* scaler = nullptr;      // BGR24 to YUV420P, no scaling
     SwrContext* resampler = nullptr;   // source samples to the encoder's format
     AVFormatContext* formatContext = nullptr;
     const AVOutputFormat* outputFormat = nullptr;
