@@ -17,8 +17,12 @@ void PreviewFeed::setImage(const QImage& newImage)
     if (!view)
         return;
     image = newImage;
-    // Queued: this only posts a repaint request to the widget's thread.
-    emit view->imageChanged();
+    // Queued: this only posts a repaint request to the widget's thread. One
+    // on its way is enough: the paint takes the newest image.
+    if (!repaintAsked) {
+        repaintAsked = true;
+        emit view->imageChanged();
+    }
     const qint64 now = elapsedTimer.elapsed();
     // The first hand-over has no interval, and two in one millisecond have
     // none that can be inverted: the figure keeps its last value then.
@@ -33,7 +37,12 @@ BufferView::BufferView(QWidget* parent, bool showRate)
     , showRate(showRate)
 {
     setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Expanding);
-    connect(this, &BufferView::imageChanged, this, [this] { update(); }, Qt::QueuedConnection);
+    // Hidden or minimised, nothing is painted, and no request comes until a
+    // paint has taken the image: showing the widget again paints it.
+    connect(this, &BufferView::imageChanged, this, [this] {
+        if (isVisible() && !window()->isMinimized())
+            update();
+    }, Qt::QueuedConnection);
     QMutexLocker lock(&shared->mutex);
     shared->view = this;
     shared->elapsedTimer.start();
@@ -57,22 +66,48 @@ std::shared_ptr<PreviewFeed> BufferView::feed() const
 
 void BufferView::paintEvent(QPaintEvent*)
 {
-    QMutexLocker lock(&shared->mutex);
+    // The lock only hands the image over: the video thread never waits for
+    // the painting, and the pixels of a handed-over image are never written
+    // again.
+    QImage image;
+    int rate;
+    {
+        QMutexLocker lock(&shared->mutex);
+        image = shared->image;
+        rate = shared->rate;
+        shared->repaintAsked = false;
+    }
     QPainter painter(this);
-    if (shared->image.isNull()) {
+    if (image.isNull()) {
         qInfo() << "no image to draw";
         return;
     }
-    const QImage scaled = shared->image.scaled(size(), Qt::KeepAspectRatio, Qt::FastTransformation);
+    // Scaled while drawn into the window's format, once per image and size:
+    // painting that again is a plain copy, where a BGR888 image would be
+    // converted at every paint.
+    if (image.cacheKey() != shownKey || size() != shownFor) {
+        // The same buffer serves every image of a size: no new pages per image.
+        const QSize scaled = image.size().scaled(size(), Qt::KeepAspectRatio);
+        if (shown.size() != scaled)
+            shown = QImage(scaled, QImage::Format_RGB32);
+        if (!shown.isNull()) {
+            QPainter scaler(&shown);
+            scaler.drawImage(shown.rect(), image);
+        }
+        shownKey = image.cacheKey();
+        shownFor = size();
+    }
+    if (shown.isNull())
+        return;
     const float half = 0.5f;
-    const float dx = float(width()) * half - float(scaled.width()) * half;
-    const float dy = float(height()) * half - float(scaled.height()) * half;
+    const float dx = float(width()) * half - float(shown.width()) * half;
+    const float dy = float(height()) * half - float(shown.height()) * half;
     QTransform transform;
     transform.translate(double(dx), double(dy));
     painter.setTransform(transform, true);
-    painter.drawImage(QPointF(0, 0), scaled);
+    painter.drawImage(QPointF(0, 0), shown);
     if (showRate)
-        drawRate(painter, shared->rate);
+        drawRate(painter, rate);
 }
 
 void BufferView::drawRate(QPainter& painter, int rate)
