@@ -14,6 +14,8 @@ extern "C" {
 #include <libyuv/convert.h>
 #include <libyuv/convert_from_argb.h>
 
+#include "preview/BufferView.h"
+
 #include <QCoreApplication>
 #include <QImage>
 #include <QPainter>
@@ -192,6 +194,9 @@ int main(int argc, char** argv)
             bgr24.scaled(view, Qt::KeepAspectRatio, Qt::FastTransformation).convertToFormat(QImage::Format_RGB32);
         Q_UNUSED(scaled)
     });
+    QImage ownView(bgr24.size().scaled(view, Qt::KeepAspectRatio), QImage::Format_RGB32);
+    const double h2 = millisecondsPerFrame(frames, [&](int) { orvane::scaleToRgb32(bgr24, ownView); });
+    std::printf("  preview: BufferView's own scaling      %7.2f\n", h2);
     const QImage rgb32View = bgr24.scaled(view, Qt::KeepAspectRatio).convertToFormat(QImage::Format_RGB32);
     const double g = millisecondsPerFrame(frames, [&](int) { draw(rgb32View, rgb32View.rect()); });
     std::printf("  preview: scaled to RGB32 once, drawn   %7.2f + %.2f a paint\n", f, g);

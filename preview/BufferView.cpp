@@ -8,8 +8,26 @@
 #include <QtDebug>
 
 #include <string>
+#include <vector>
 
 namespace orvane {
+
+void scaleToRgb32(const QImage& from, QImage& to)
+{
+    const int sourceWidth = from.width(), sourceHeight = from.height();
+    const int width = to.width(), height = to.height();
+    std::vector<int> columns(size_t(width > 0 ? width : 0));
+    for (int x = 0; x < width; ++x)
+        columns[size_t(x)] = int((int64_t(2 * x + 1) * sourceWidth) / (2 * int64_t(width))) * 3;
+    for (int y = 0; y < height; ++y) {
+        const uchar* source = from.constScanLine(int((int64_t(2 * y + 1) * sourceHeight) / (2 * int64_t(height))));
+        auto* line = reinterpret_cast<QRgb*>(to.scanLine(y));
+        for (int x = 0; x < width; ++x) {
+            const uchar* pixel = source + columns[size_t(x)];
+            line[x] = qRgb(pixel[2], pixel[1], pixel[0]);  // BGR888: blue first in memory
+        }
+    }
+}
 
 void PreviewFeed::setImage(const QImage& newImage)
 {
@@ -82,18 +100,15 @@ void BufferView::paintEvent(QPaintEvent*)
         qInfo() << "no image to draw";
         return;
     }
-    // Scaled while drawn into the window's format, once per image and size:
-    // painting that again is a plain copy, where a BGR888 image would be
-    // converted at every paint.
+    // Scaled into the window's format once per image and size: painting that
+    // is a plain copy, where a BGR888 image would be converted at every paint.
     if (image.cacheKey() != shownKey || size() != shownFor) {
         // The same buffer serves every image of a size: no new pages per image.
         const QSize scaled = image.size().scaled(size(), Qt::KeepAspectRatio);
         if (shown.size() != scaled)
             shown = QImage(scaled, QImage::Format_RGB32);
-        if (!shown.isNull()) {
-            QPainter scaler(&shown);
-            scaler.drawImage(shown.rect(), image);
-        }
+        if (!shown.isNull())
+            scaleToRgb32(image, shown);
         shownKey = image.cacheKey();
         shownFor = size();
     }

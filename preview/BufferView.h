@@ -13,6 +13,12 @@ namespace orvane {
 
 class BufferView;
 
+// Scales a BGR888 image into `to` (RGB32, of the size wanted) by nearest
+// pixel centres, as Qt::FastTransformation picks them. Reads only the pixels
+// it shows: a few times cheaper than a QPainter going through Qt's generic
+// format path.
+void scaleToRgb32(const QImage& from, QImage& to);
+
 // Where the video thread drops images for the preview. Producers hold it by
 // shared pointer, so it outlives the widget: a hand-over that meets the
 // widget's destruction finds `view` cleared instead of a half-destroyed widget.
