@@ -81,7 +81,7 @@ public:
     QImage fit(const AVFrame& frame);
 
 private:
-    QImage* buffer(QSize size);
+    QImage* buffer(QSize size, const QRect& written);
 
     const QRect region;
     const QRect place;
@@ -215,10 +215,11 @@ QImage FrameFitter::fit(const AVFrame& frame)
     // out of it. A grabbed part of the region: the frame goes to its place in
     // an image of the region's size, the rest of which stays black.
     const bool whole = place.isNull();
-    QImage* image = buffer(whole ? frameSize : region.size());
+    const QSize size = whole ? frameSize : region.size();
+    const QRect target = whole ? QRect(QPoint(), size) : QRect(place.topLeft(), frameSize) & QRect(QPoint(), size);
+    QImage* image = buffer(size, target);
     if (!image)
         return QImage();
-    const QRect target = whole ? image->rect() : QRect(place.topLeft(), frameSize) & image->rect();
     if (!target.isEmpty()) {
         const QPoint from = whole ? QPoint() : target.topLeft() - place.topLeft();
         const uint8_t* source = frame.data[0] + ptrdiff_t(from.y()) * frame.linesize[0] + from.x() * convert.bytesPerPixel;
@@ -231,7 +232,7 @@ QImage FrameFitter::fit(const AVFrame& frame)
     return region.size() == image->size() ? *image : image->copy(region);
 }
 
-QImage* FrameFitter::buffer(QSize size)
+QImage* FrameFitter::buffer(QSize size, const QRect& written)
 {
     QImage* empty = nullptr;
     for (QImage& image : buffers) {
@@ -252,7 +253,9 @@ QImage* FrameFitter::buffer(QSize size)
     *slot = QImage(size, QImage::Format_BGR888);
     if (slot->isNull())
         return nullptr;
-    slot->fill(0);
+    // What the frames never cover stays black; the rest is written anyway.
+    if (written != slot->rect())
+        slot->fill(0);
     return slot;
 }
 
