@@ -6,7 +6,9 @@
 #include <QPen>
 #include <QTransform>
 #include <QtDebug>
+#include <QtEndian>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -16,15 +18,31 @@ void scaleToRgb32(const QImage& from, QImage& to)
 {
     const int sourceWidth = from.width(), sourceHeight = from.height();
     const int width = to.width(), height = to.height();
-    std::vector<int> columns(size_t(width > 0 ? width : 0));
-    for (int x = 0; x < width; ++x)
-        columns[size_t(x)] = int((int64_t(2 * x + 1) * sourceWidth) / (2 * int64_t(width))) * 3;
+    if (width <= 0 || height <= 0 || sourceWidth <= 0 || sourceHeight <= 0)
+        return;
+    // The byte offset of each column's source pixel. Up to the last source
+    // pixel of a line, four bytes are read at once: blue, green, red in the
+    // low three, as RGB32 has them, and the next pixel's first byte, which
+    // the opaque alpha replaces.
+    std::vector<int> columns(size_t(width), 0);
+    int wholeWords = 0;
+    for (int x = 0; x < width; ++x) {
+        const int column = int((int64_t(2 * x + 1) * sourceWidth) / (2 * int64_t(width)));
+        columns[size_t(x)] = column * 3;
+        wholeWords += column < sourceWidth - 1;
+    }
     for (int y = 0; y < height; ++y) {
         const uchar* source = from.constScanLine(int((int64_t(2 * y + 1) * sourceHeight) / (2 * int64_t(height))));
-        auto* line = reinterpret_cast<QRgb*>(to.scanLine(y));
-        for (int x = 0; x < width; ++x) {
+        auto* line = reinterpret_cast<quint32*>(to.scanLine(y));
+        int x = 0;
+        for (; x < wholeWords; ++x) {
+            quint32 word;
+            std::memcpy(&word, source + columns[size_t(x)], sizeof word);
+            line[x] = qFromLittleEndian(word) | 0xff000000u;
+        }
+        for (; x < width; ++x) {
             const uchar* pixel = source + columns[size_t(x)];
-            line[x] = qRgb(pixel[2], pixel[1], pixel[0]);  // BGR888: blue first in memory
+            line[x] = qRgb(pixel[2], pixel[1], pixel[0]);
         }
     }
 }
