@@ -30,7 +30,7 @@ ensure_base_packages() {
     ensure_packages cmake g++ make pkg-config \
         qtbase5-dev qtmultimedia5-dev libqt5multimedia5-plugins \
         libavformat-dev libavcodec-dev libavdevice-dev libavutil-dev libswscale-dev libswresample-dev \
-        libpci-dev ffmpeg xvfb x11-utils fonts-dejavu-core pulseaudio pulseaudio-utils \
+        libyuv-dev libpci-dev ffmpeg xvfb x11-utils fonts-dejavu-core pulseaudio pulseaudio-utils \
         time "$@"
 }
 

@@ -45,12 +45,35 @@ report() {
     perf report -i "$out/perf.data" --no-children --stdio -q --percent-limit "$1" "${@:2}" 2>/dev/null |
         grep -v '^$' | grep -v '^#'
 }
-# Threads keep their names (x264's helpers carry the program's); swscale's
-# and x264's own functions have no symbols in Debian's libraries, so the
-# thread tells which conversion a library's time belongs to: VideoWorker
-# converts the grabbed picture to BGR24, Muxer converts that to YUV420P and
-# hands it to the encoder, the main thread scales and paints the preview.
+# Threads keep their names (x264's helpers carry the program's); x264's own
+# functions have no symbols in Debian's library, so the thread tells whose
+# time a library's is: VideoWorker converts the grabbed picture to BGR24,
+# Muxer converts that to YUV420P and hands it to the encoder, the main
+# thread paints the preview.
 {
+    echo "== CPU seconds per recorded second, by part"
+    # The main thread has the lowest thread id of those named after the
+    # program; the others of that name are x264's.
+    report 0 -n --sort pid,dso -g none | awk -v hz=499 -v seconds="$seconds" '
+        {
+            samples[NR] = $2; split($3, t, ":"); tid[NR] = t[1]; comm[NR] = t[2]; dso[NR] = $4
+            if (comm[NR] ~ /^screenreel-reco/ && (main == "" || tid[NR] + 0 < main + 0)) main = tid[NR]
+        }
+        END {
+            for (i = 1; i <= NR; i++) {
+                c = comm[i]; d = dso[i]
+                if (d ~ /libx264/ || (c ~ /^screenreel-reco/ && tid[i] != main)) part = "encoder (x264, every thread)"
+                else if (c == "VideoWorker" && d ~ /libyuv/) part = "conversion BGR0 -> BGR24 (VideoWorker)"
+                else if (c == "VideoWorker") part = "grab, decode, hand-over (VideoWorker)"
+                else if (c == "Muxer" && d ~ /libyuv/) part = "conversion BGR24 -> YUV420P (Muxer)"
+                else if (c == "Muxer") part = "pacing, packets, writing (Muxer)"
+                else if (tid[i] == main) part = "GUI thread: start-up, events, preview paints"
+                else part = "other threads (" c ")"
+                sum[part] += samples[i]; total += samples[i]
+            }
+            for (p in sum) printf "  %6.3f  %s\n", sum[p] / hz / seconds, p
+            printf "  %6.3f  in all\n", total / hz / seconds
+        }' | sort -rn
     echo "== samples at 499 Hz by thread"
     report 0.5 -n --sort pid,comm -g none
     echo "== by thread and library"

@@ -3,7 +3,9 @@
 # 1280x720 region of it, four ways one after the other: our plug-in with and
 # without its preview, the ffmpeg command line, and SimpleScreenRecorder
 # without its window. Prints what each cost per recorded second and how many
-# frames it kept. Sound is off throughout.
+# frames it kept, beside the floor: the encoder alone at our constants on the
+# first 10 s of our recording's frames, from memory. Then our ratios and
+# which of the goals hold. Sound is off throughout.
 #
 #   bench/record-bench.sh [--seconds S] [--ways LIST] [--out DIR]
 #
@@ -30,12 +32,12 @@ out=${out:-$build/bench-out/record}
 
 if [ -z "${SCREENREEL_BENCH_SESSION:-}" ]; then
     ensure_base_packages simplescreenrecorder
-    build_targets ScreenReel screenreel-record screenreel-scene
+    build_targets ScreenReel screenreel-record screenreel-scene encode-floor
     ensure_session --display -- "$0" --seconds "$seconds" --ways "$ways" --out "$out"
 fi
 
 mkdir -p "$out"
-rm -f "$out"/*.mp4 "$out"/*.time
+rm -f "$out"/*.mp4 "$out"/*.time "$out"/*.floor
 fps=25
 # Generous: a recorder that hangs is cut off, and its row says so.
 limit=$((seconds + 30))
@@ -147,6 +149,18 @@ for geometry in 1920x1080+0+0 1280x720+320+180; do
     done
 done
 stop_scene
+
+# The floor: what the encoder alone costs on the same frames, decoded into
+# memory first (the first recording of ours of each size that has them).
+for geometry in 1920x1080+0+0 1280x720+320+180; do
+    size=${geometry%%+*}
+    for way in plugin preview; do
+        [ -s "$out/$size-$way.mp4" ] || continue
+        say "encoding $size-$way.mp4 again, the encoder alone"
+        "$build/bench/encode-floor" "$out/$size-$way.mp4" 10 >"$out/$size.floor" 2>"$out/$size.floor.log" || true
+        break
+    done
+done
 echo "$(load_line) at the end"
 
 # One row a recording: what it cost per second it recorded (its length in the
@@ -162,22 +176,33 @@ echo "$(load_line) at the end"
             read -r frames distinct duration <<<"$(probe_video "$out/$name.mp4" || true)"
             echo "$size|$way|$(label "$way")|$user|$sys|$rss|$wall|${frames:-0}|${duration:-0}|${distinct:-0}|$(ending "$out/$name.time")"
         done
+        read -r frames floorCpu floor < <(cat "$out/$size.floor" 2>/dev/null) || true
+        echo "$size|floor|${frames:-0}|${floor:-0}"
     done
 } | awk -F'|' -v fps="$fps" -v seconds="$seconds" '
     function pct(a, b) { return b > 0 ? sprintf("%5.1f%%", 100 * a / b) : "-" }
+    function verdict(ok) { return ok ? "holds" : "MISSED" }
+    $2 == "floor" && $3 == 0 { next }
+    $2 == "floor" {
+        FLOOR[$1] = $4
+        rows[++nrows] = sprintf("%-9s  %-21s  %7.3f  %6d  (the encoder alone, %d frames from memory)", $1,
+                                "x264 alone (floor)", $4, $3, $3)
+        next
+    }
     {
         cpu = ($9 > 0) ? ($4 + $5) / $9 : 0
         CPU[$1 "|" $2] = cpu; RSS[$1 "|" $2] = $6 / 1024
         if (!seenSize[$1]++) sizes[++ns] = $1
         if (!seenWay[$2]++) wayorder[++nw] = $2
-        rows[NR] = sprintf("%-9s  %-21s  %7.3f  %6d  %8d  %6.2f  %7s  %7s  %8s  %7.0f  %s",
+        FRAMES[$1 "|" $2] = $8; DISTINCT[$1 "|" $2] = $10
+        rows[++nrows] = sprintf("%-9s  %-21s  %7.3f  %6d  %8d  %6.2f  %7s  %7s  %8s  %7.0f  %s",
                            $1, $3, cpu, $8, $10, $9, pct($8, fps * $9), pct($8, fps * seconds),
                            pct($10, fps * $9), $6 / 1024, $11)
     }
     END {
         printf "%-9s  %-21s  %7s  %6s  %8s  %6s  %7s  %7s  %8s  %7s  %s\n", "size", "way", "CPU s/s",
                "frames", "distinct", "len s", "of len", "of " seconds " s", "distinct", "RSS MiB", "ended"
-        for (i = 1; i <= NR; i++) print rows[i]
+        for (i = 1; i <= nrows; i++) print rows[i]
         print ""
         print "ours against the others (CPU per recorded second, peak memory):"
         for (i = 1; i <= ns; i++)
@@ -189,5 +214,42 @@ echo "$(load_line) at the end"
                         printf "  %-9s  %-7s / %-6s  CPU %5.2fx  memory %5.2fx\n", sizes[i], o, p,
                                CPU[sizes[i] "|" o] / CPU[sizes[i] "|" p], RSS[sizes[i] "|" o] / RSS[sizes[i] "|" p]
                 }
+                if (FLOOR[sizes[i]] > 0)
+                    printf "  %-9s  %-7s / floor   CPU %5.2fx\n", sizes[i], o, CPU[sizes[i] "|" o] / FLOOR[sizes[i]]
             }
+        # The goals: without the preview at most the cost of SimpleScreenRecorder
+        # and 1.3 times the floor; with it at most 1.1 times SimpleScreenRecorder
+        # and no more memory than it; every recording of ours with 99.5 % of
+        # the frames asked for, 99.5 % of them distinct.
+        print ""
+        held = 1; checked = 0; line = ""
+        for (i = 1; i <= ns; i++) {
+            z = sizes[i]; ssr = CPU[z "|ssr"]
+            if (ssr > 0 && CPU[z "|plugin"] > 0) {
+                ok = CPU[z "|plugin"] <= ssr; held = held && ok; checked++
+                line = line sprintf("  %-9s  no preview: CPU at most 1.0x SimpleScreenRecorder (%.2fx): %s\n", z, CPU[z "|plugin"] / ssr, verdict(ok))
+            }
+            if (FLOOR[z] > 0 && CPU[z "|plugin"] > 0) {
+                ok = CPU[z "|plugin"] <= 1.3 * FLOOR[z]; held = held && ok; checked++
+                line = line sprintf("  %-9s  no preview: CPU at most 1.3x the floor (%.2fx): %s\n", z, CPU[z "|plugin"] / FLOOR[z], verdict(ok))
+            }
+            if (ssr > 0 && CPU[z "|preview"] > 0) {
+                ok = CPU[z "|preview"] <= 1.1 * ssr; held = held && ok; checked++
+                line = line sprintf("  %-9s  preview: CPU at most 1.1x SimpleScreenRecorder (%.2fx): %s\n", z, CPU[z "|preview"] / ssr, verdict(ok))
+            }
+            if (RSS[z "|ssr"] > 0 && RSS[z "|preview"] > 0) {
+                ok = RSS[z "|preview"] <= RSS[z "|ssr"]; held = held && ok; checked++
+                line = line sprintf("  %-9s  preview: peak memory at most SimpleScreenRecorder'"'"'s (%.0f / %.0f MiB): %s\n", z, RSS[z "|preview"], RSS[z "|ssr"], verdict(ok))
+            }
+            for (a = 1; a <= nw; a++) {
+                o = wayorder[a]; if (o != "preview" && o != "plugin") continue
+                ok = FRAMES[z "|" o] >= 0.995 * fps * seconds && DISTINCT[z "|" o] >= 0.995 * FRAMES[z "|" o]
+                held = held && ok; checked++
+                line = line sprintf("  %-9s  %s: frames at least 99.5%% of %d s, 99.5%% distinct (%d, %d): %s\n", z, o, seconds, FRAMES[z "|" o], DISTINCT[z "|" o], verdict(ok))
+            }
+        }
+        printf "goals:\n%s", line
+        if (!checked) print "goals: none could be checked (a recorder is missing)"
+        else if (held) print "goals: all hold"
+        else print "goals: not all hold (MISSED above)"
     }' | tee "$out/summary.txt"

@@ -10,6 +10,7 @@
 #include "GrabberChoice.h"
 
 #include <QByteArray>
+#include <QRect>
 #include <QString>
 
 #include <chrono>
@@ -27,6 +28,11 @@ const char* desktopGrabber();
 QByteArray desktopUrl();
 const char* offsetXOption();
 const char* offsetYOption();
+
+// The part of the desktop the grabber is asked for when recording `region`
+// (counted from the screen's corner) of `screen`: the whole screen, or where
+// the grabber can cut it for less, the part of the region on the screen.
+QRectF grabArea(const QRectF& screen, const QRect& region);
 
 // The input that records a named audio device, the URL for it, and the
 // options it needs (null for none; the caller owns the dictionary). A

@@ -11,6 +11,7 @@ const char* desktopGrabber() { return "gdigrab"; }
 QByteArray desktopUrl() { return "desktop"; }
 const char* offsetXOption() { return "offset_x"; }
 const char* offsetYOption() { return "offset_y"; }
+QRectF grabArea(const QRectF& screen, const QRect&) { return screen; }
 
 SoundInput soundInput(const QString& deviceName)
 {

@@ -9,6 +9,8 @@
 #include <QSysInfo>
 #include <QtDebug>
 
+#include <array>
+#include <atomic>
 #include <exception>
 
 extern "C" {
@@ -16,12 +18,80 @@ extern "C" {
 #include <libavdevice/avdevice.h>
 #include <libavformat/avformat.h>
 #include <libavutil/hwcontext.h>
-#include <libswscale/swscale.h>
 }
+
+#include <libyuv/convert_from_argb.h>
+#include <libyuv/planar_functions.h>
 
 namespace orvane {
 
 using plugin::interface::VideoDevice;
+
+namespace {
+
+// Converts rows of a grabbed format into BGR24, with libyuv's signature.
+struct RowConverter
+{
+    int (*convert)(const uint8_t* source, int sourceStride, uint8_t* destination,
+                   int destinationStride, int width, int height) = nullptr;
+    int bytesPerPixel = 0;
+};
+
+int copyBgr24(const uint8_t* source, int sourceStride, uint8_t* destination, int destinationStride,
+              int width, int height)
+{
+    libyuv::CopyPlane(source, sourceStride, destination, destinationStride, width * 3, height);
+    return 0;
+}
+
+// libyuv names a format by its little-endian word: its ARGB is BGR0 or BGRA
+// in memory, its RGB24 is BGR24 and its RAW is RGB24, so the byte-swapping
+// ARGBToRAW turns RGB0 into BGR24.
+RowConverter rowConverter(int format)
+{
+    switch (format) {
+    case AV_PIX_FMT_BGR0:
+    case AV_PIX_FMT_BGRA:
+        return {libyuv::ARGBToRGB24, 4};
+    case AV_PIX_FMT_RGB0:
+    case AV_PIX_FMT_RGBA:
+        return {libyuv::ARGBToRAW, 4};
+    case AV_PIX_FMT_BGR24:
+        return {copyBgr24, 3};
+    default:
+        return {};
+    }
+}
+
+// Turns decoded frames into the images handed on: of exactly the region's
+// size, parts outside the screen black. The pixels go straight from the
+// frame into a buffer that no consumer holds any longer, so a handed-over
+// picture is never written again, and neither a copy nor a new buffer is
+// needed per frame while the consumers let go of older pictures in time.
+class FrameFitter
+{
+public:
+    // Where the grabbed part lies in the region's image; null when the
+    // grabber delivers the whole screen, out of which the region is cut.
+    static QRect placement(const QRectF& screen, const QRect& region, const QRectF& grabbed);
+
+    FrameFitter(const QRect& region, const QRect& place);
+    // A null image when the frame's format has no converter or no buffer can
+    // be had.
+    QImage fit(const AVFrame& frame);
+
+private:
+    QImage* buffer(QSize size, const QRect& written);
+
+    const QRect region;
+    const QRect place;
+    // Enough for the one being written, the newest at the encoder, the one
+    // it converts and the one the preview shows.
+    std::array<QImage, 4> buffers;
+    size_t next = 0;
+};
+
+} // namespace
 
 // Everything the video thread works with, opened in the constructor.
 struct VideoInput
@@ -29,11 +99,11 @@ struct VideoInput
     VideoInput(const VideoDevice& device, const QRect& region)
         : device(device)
         , region(region)
+        , grabbed(platform::grabArea(device.geometry, region))
     {
     }
     ~VideoInput()
     {
-        sws_freeContext(scaler);
         av_frame_free(&frame);
         av_packet_free(&packet);
         avcodec_free_context(&codecContext);
@@ -47,6 +117,7 @@ struct VideoInput
 
     const VideoDevice device;
     const QRect region;
+    const QRectF grabbed;  // the part of the desktop the grabber delivers
     bool valid = false;
     int streamIndex = -1;
     AVDictionary* options = nullptr;
@@ -56,7 +127,6 @@ struct VideoInput
     AVCodecContext* codecContext = nullptr;
     AVPacket* packet = nullptr;
     AVFrame* frame = nullptr;
-    SwsContext* scaler = nullptr;  // decoded frames to BGR24, no scaling
 };
 
 QByteArray VideoInput::buildGrabGraph() const
@@ -66,7 +136,7 @@ QByteArray VideoInput::buildGrabGraph() const
 
 void VideoInput::fillOptions()
 {
-    const QRectF& geometry = device.geometry;
+    const QRectF& geometry = grabbed;
     const QString size = QStringLiteral("%1x%2").arg(geometry.width(), 0, 'g', -1, QLatin1Char(' '))
                              .arg(geometry.height(), 0, 'g', -1, QLatin1Char(' '));
     av_dict_set(&options, "video_size", size.toLocal8Bit().constData(), 0);
@@ -113,10 +183,7 @@ bool VideoInput::selectInput()
             return false;
     }
 
-    scaler = sws_getContext(codecContext->width, codecContext->height, codecContext->pix_fmt,
-                            codecContext->width, codecContext->height, AV_PIX_FMT_BGR24,
-                            SWS_FAST_BILINEAR, nullptr, nullptr, nullptr);
-    if (!scaler) {
+    if (!rowConverter(codecContext->pix_fmt).convert) {
         qCWarning(lcScreenReel) << "unable to convert the picture of device [" << device.name << "]";
         return false;
     }
@@ -124,30 +191,75 @@ bool VideoInput::selectInput()
     return true;
 }
 
-QImage convertFrame(const AVFrame& frame, SwsContext*& scaler, QImage& image, const QRect& region)
+QRect FrameFitter::placement(const QRectF& screen, const QRect& region, const QRectF& grabbed)
 {
+    if (grabbed == screen)
+        return {};
+    return QRect((grabbed.topLeft() - screen.topLeft()).toPoint() - region.topLeft(), grabbed.size().toSize());
+}
+
+FrameFitter::FrameFitter(const QRect& region, const QRect& place)
+    : region(region)
+    , place(place)
+{
+}
+
+QImage FrameFitter::fit(const AVFrame& frame)
+{
+    const RowConverter convert = rowConverter(frame.format);
     const QSize frameSize(frame.width, frame.height);
-    if (image.size() != frameSize) {
-        // The first frame, or the screen changed its size: the converter and
-        // the working image follow the frame, so nothing is written beyond
-        // the image.
-        scaler = sws_getCachedContext(scaler, frameSize.width(), frameSize.height(),
-                                      AVPixelFormat(frame.format), frameSize.width(),
-                                      frameSize.height(), AV_PIX_FMT_BGR24, SWS_FAST_BILINEAR,
-                                      nullptr, nullptr, nullptr);
-        image = QImage(frameSize, QImage::Format_BGR888);
-        if (image.isNull() || !scaler) {
+    if (!convert.convert || frameSize.isEmpty())
+        return QImage();
+    // The whole screen: the image follows the frame, so nothing is written
+    // beyond it even when the screen changes its size, and the region is cut
+    // out of it. A grabbed part of the region: the frame goes to its place in
+    // an image of the region's size, the rest of which stays black.
+    const bool whole = place.isNull();
+    const QSize size = whole ? frameSize : region.size();
+    const QRect target = whole ? QRect(QPoint(), size) : QRect(place.topLeft(), frameSize) & QRect(QPoint(), size);
+    QImage* image = buffer(size, target);
+    if (!image)
+        return QImage();
+    if (!target.isEmpty()) {
+        const QPoint from = whole ? QPoint() : target.topLeft() - place.topLeft();
+        const uint8_t* source = frame.data[0] + ptrdiff_t(from.y()) * frame.linesize[0] + from.x() * convert.bytesPerPixel;
+        uint8_t* destination = image->bits() + ptrdiff_t(target.y()) * image->bytesPerLine() + target.x() * 3;
+        convert.convert(source, frame.linesize[0], destination, int(image->bytesPerLine()), target.width(),
+                target.height());
+    }
+    // An image of the region's size is handed on whole, shared, whatever
+    // the region's position says.
+    return region.size() == image->size() ? *image : image->copy(region);
+}
+
+QImage* FrameFitter::buffer(QSize size, const QRect& written)
+{
+    QImage* empty = nullptr;
+    for (QImage& image : buffers) {
+        if (image.size() != size) {
             image = QImage();
-            return QImage();
+            if (!empty)
+                empty = &image;
+        } else if (image.isDetached()) {
+            // Its last consumer has let go: what that one read happens before
+            // what is written now. (ThreadSanitizer models no fences, and it
+            // does not see the writes, which libyuv makes.)
+#ifndef __SANITIZE_THREAD__
+            std::atomic_thread_fence(std::memory_order_acquire);
+#endif
+            return &image;
         }
     }
-    // bits() detaches the image from every holder of the previous frame.
-    uint8_t* planes[4] = {image.bits(), nullptr, nullptr, nullptr};
-    const int strides[4] = {int(image.bytesPerLine()), 0, 0, 0};
-    sws_scale(scaler, frame.data, frame.linesize, 0, frame.height, planes, strides);
-    // The region counts from the image's top-left corner; an image of the
-    // region's size is handed on whole, shared, whatever the position says.
-    return region.size() == image.size() ? image : image.copy(region);
+    // None free: a new buffer takes an empty place, or that of a held one,
+    // whose holders keep their picture.
+    QImage* slot = empty ? empty : &buffers[next++ % buffers.size()];
+    *slot = QImage(size, QImage::Format_BGR888);
+    if (slot->isNull())
+        return nullptr;
+    // What the frames never cover stays black; the rest is written anyway.
+    if (written != slot->rect())
+        slot->fill(0);
+    return slot;
 }
 
 VideoWorker::VideoWorker(const VideoDevice& device, const QRect& region, Pipeline* pipeline)
@@ -192,9 +304,7 @@ void VideoWorker::run()
     }
     VideoInput& in = *input;
     try {
-        // Holds the whole grabbed screen. bits() detaches it from every image
-        // handed on before, so a handed-over buffer is never written again.
-        QImage image;
+        FrameFitter fitter(in.region, FrameFitter::placement(in.device.geometry, in.region, in.grabbed));
         while (!isInterruptionRequested()) {
             int result = av_read_frame(in.formatContext, in.packet);
             if (result == AVERROR(EAGAIN))
@@ -221,7 +331,7 @@ void VideoWorker::run()
                     qCWarning(lcScreenReel) << "Error during decoding";
                     break;
                 }
-                const QImage out = convertFrame(*in.frame, in.scaler, image, in.region);
+                const QImage out = fitter.fit(*in.frame);
                 if (out.isNull()) {
                     qCWarning(lcScreenReel) << "Unable to create frame";
                     break;

@@ -17,7 +17,6 @@
 extern "C" {
 #include <libavformat/avformat.h>
 #include <libswresample/swresample.h>
-#include <libswscale/swscale.h>
 }
 
 namespace orvane {
@@ -148,7 +147,6 @@ MuxerOutput::~MuxerOutput()
     if (ioContext)
         av_freep(&ioContext->buffer);
     avio_context_free(&ioContext);
-    sws_freeContext(scaler);
     swr_free(&resampler);
     device->close();
 }

@@ -26,7 +26,6 @@ struct AVIOContext;
 struct AVOutputFormat;
 struct AVStream;
 struct SwrContext;
-struct SwsContext;
 
 namespace orvane {
 
@@ -71,7 +70,6 @@ struct MuxerOutput
     AVFrame* audioFrame = nullptr;
     AVCodecContext* videoContext = nullptr;
     AVCodecContext* audioContext = nullptr;
-    SwsContext* scaler = nullptr;      // BGR24 to YUV420P, no scaling
     SwrContext* resampler = nullptr;   // source samples to the encoder's format
     AVFormatContext* formatContext = nullptr;
     const AVOutputFormat* outputFormat = nullptr;

@@ -9,8 +9,9 @@
 extern "C" {
 #include <libavformat/avformat.h>
 #include <libavutil/opt.h>
-#include <libswscale/swscale.h>
 }
+
+#include <libyuv/convert.h>
 
 namespace orvane {
 
@@ -138,13 +139,6 @@ bool openVideoStream(MuxerOutput& output)
         qCWarning(lcScreenReel) << "Failed to allocate picture: " << avErrorText(result);
         return false;
     }
-    output.scaler = sws_getContext(output.size.width(), output.size.height(), AV_PIX_FMT_BGR24,
-                                   output.videoContext->width, output.videoContext->height,
-                                   AV_PIX_FMT_YUV420P, SWS_FAST_BILINEAR, nullptr, nullptr, nullptr);
-    if (!output.scaler) {
-        qCWarning(lcScreenReel) << "could not create the picture converter";
-        return false;
-    }
     return true;
 }
 
@@ -164,15 +158,16 @@ void encodeVideoStep(MuxerOutput& output)
             arrived = output.imageArrived;
         }
     }
-    // An image of another size than the converter was built for would be
-    // read past its end; the producer guarantees the size, so one that
-    // differs is dropped and the last picture stands again.
+    // An image of another size than the picture would be read past its end;
+    // the producer guarantees the size, so one that differs is dropped and
+    // the last picture stands again.
     const bool converted = !image.isNull() && image.size() == output.size;
     if (converted) {
-        const uint8_t* planes[4] = {image.constBits(), nullptr, nullptr, nullptr};
-        const int strides[4] = {int(image.bytesPerLine()), 0, 0, 0};
-        sws_scale(output.scaler, planes, strides, 0, image.height(), output.videoFrame->data,
-                  output.videoFrame->linesize);
+        // libyuv's RGB24 is BGR24 in memory; BT.601, limited range.
+        AVFrame* frame = output.videoFrame;
+        libyuv::RGB24ToI420(image.constBits(), int(image.bytesPerLine()), frame->data[0],
+                            frame->linesize[0], frame->data[1], frame->linesize[1], frame->data[2],
+                            frame->linesize[2], image.width(), image.height());
     }
     output.videoFrame->pts = int64_t(++output.videoFrameCount);
     if (converted)

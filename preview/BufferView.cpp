@@ -6,10 +6,46 @@
 #include <QPen>
 #include <QTransform>
 #include <QtDebug>
+#include <QtEndian>
 
+#include <cstring>
 #include <string>
+#include <vector>
 
 namespace orvane {
+
+void scaleToRgb32(const QImage& from, QImage& to)
+{
+    const int sourceWidth = from.width(), sourceHeight = from.height();
+    const int width = to.width(), height = to.height();
+    if (width <= 0 || height <= 0 || sourceWidth <= 0 || sourceHeight <= 0)
+        return;
+    // The byte offset of each column's source pixel. Up to the last source
+    // pixel of a line, four bytes are read at once: blue, green, red in the
+    // low three, as RGB32 has them, and the next pixel's first byte, which
+    // the opaque alpha replaces.
+    std::vector<int> columns(size_t(width), 0);
+    int wholeWords = 0;
+    for (int x = 0; x < width; ++x) {
+        const int column = int((int64_t(2 * x + 1) * sourceWidth) / (2 * int64_t(width)));
+        columns[size_t(x)] = column * 3;
+        wholeWords += column < sourceWidth - 1;
+    }
+    for (int y = 0; y < height; ++y) {
+        const uchar* source = from.constScanLine(int((int64_t(2 * y + 1) * sourceHeight) / (2 * int64_t(height))));
+        auto* line = reinterpret_cast<quint32*>(to.scanLine(y));
+        int x = 0;
+        for (; x < wholeWords; ++x) {
+            quint32 word;
+            std::memcpy(&word, source + columns[size_t(x)], sizeof word);
+            line[x] = qFromLittleEndian(word) | 0xff000000u;
+        }
+        for (; x < width; ++x) {
+            const uchar* pixel = source + columns[size_t(x)];
+            line[x] = qRgb(pixel[2], pixel[1], pixel[0]);
+        }
+    }
+}
 
 void PreviewFeed::setImage(const QImage& newImage)
 {
@@ -17,8 +53,12 @@ void PreviewFeed::setImage(const QImage& newImage)
     if (!view)
         return;
     image = newImage;
-    // Queued: this only posts a repaint request to the widget's thread.
-    emit view->imageChanged();
+    // Queued: this only posts a repaint request to the widget's thread. One
+    // on its way is enough: the paint takes the newest image.
+    if (!repaintAsked) {
+        repaintAsked = true;
+        emit view->imageChanged();
+    }
     const qint64 now = elapsedTimer.elapsed();
     // The first hand-over has no interval, and two in one millisecond have
     // none that can be inverted: the figure keeps its last value then.
@@ -33,7 +73,12 @@ BufferView::BufferView(QWidget* parent, bool showRate)
     , showRate(showRate)
 {
     setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Expanding);
-    connect(this, &BufferView::imageChanged, this, [this] { update(); }, Qt::QueuedConnection);
+    // Hidden or minimised, nothing is painted, and no request comes until a
+    // paint has taken the image: showing the widget again paints it.
+    connect(this, &BufferView::imageChanged, this, [this] {
+        if (isVisible() && !window()->isMinimized())
+            update();
+    }, Qt::QueuedConnection);
     QMutexLocker lock(&shared->mutex);
     shared->view = this;
     shared->elapsedTimer.start();
@@ -57,22 +102,45 @@ std::shared_ptr<PreviewFeed> BufferView::feed() const
 
 void BufferView::paintEvent(QPaintEvent*)
 {
-    QMutexLocker lock(&shared->mutex);
+    // The lock only hands the image over: the video thread never waits for
+    // the painting, and the pixels of a handed-over image are never written
+    // again.
+    QImage image;
+    int rate;
+    {
+        QMutexLocker lock(&shared->mutex);
+        image = shared->image;
+        rate = shared->rate;
+        shared->repaintAsked = false;
+    }
     QPainter painter(this);
-    if (shared->image.isNull()) {
+    if (image.isNull()) {
         qInfo() << "no image to draw";
         return;
     }
-    const QImage scaled = shared->image.scaled(size(), Qt::KeepAspectRatio, Qt::FastTransformation);
+    // Scaled into the window's format once per image and size: painting that
+    // is a plain copy, where a BGR888 image would be converted at every paint.
+    if (image.cacheKey() != shownKey || size() != shownFor) {
+        // The same buffer serves every image of a size: no new pages per image.
+        const QSize scaled = image.size().scaled(size(), Qt::KeepAspectRatio);
+        if (shown.size() != scaled)
+            shown = QImage(scaled, QImage::Format_RGB32);
+        if (!shown.isNull())
+            scaleToRgb32(image, shown);
+        shownKey = image.cacheKey();
+        shownFor = size();
+    }
+    if (shown.isNull())
+        return;
     const float half = 0.5f;
-    const float dx = float(width()) * half - float(scaled.width()) * half;
-    const float dy = float(height()) * half - float(scaled.height()) * half;
+    const float dx = float(width()) * half - float(shown.width()) * half;
+    const float dy = float(height()) * half - float(shown.height()) * half;
     QTransform transform;
     transform.translate(double(dx), double(dy));
     painter.setTransform(transform, true);
-    painter.drawImage(QPointF(0, 0), scaled);
+    painter.drawImage(QPointF(0, 0), shown);
     if (showRate)
-        drawRate(painter, shared->rate);
+        drawRate(painter, rate);
 }
 
 void BufferView::drawRate(QPainter& painter, int rate)

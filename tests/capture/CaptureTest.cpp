@@ -181,6 +181,7 @@ private slots:
         QTest::newRow("across the centre") << QRect(900, 500, 120, 80) << "RGBW";
         QTest::newRow("sticking out right and below: black outside") << QRect(1860, 1040, 120, 80) << "WKKK";
         QTest::newRow("sticking out left and above") << QRect(-20, -20, 100, 100) << "KKKR";
+        QTest::newRow("wholly off the screen: black") << QRect(1920, 0, 100, 100) << "KKKK";
         QTest::newRow("screen's size elsewhere: neither cut nor moved") << QRect(100, 100, 1920, 1080) << "RGBW";
     }
     void regions()
@@ -216,7 +217,7 @@ private slots:
         QTest::ignoreMessage(QtDebugMsg, fallback);
         QTest::ignoreMessage(QtWarningMsg, "unable to open device [ \"Huge\" ]");
         Pipeline pipeline(nullptr, nullptr);
-        pipeline.video = std::make_unique<VideoWorker>(huge, QRect(0, 0, 640, 480), &pipeline);
+        pipeline.video = std::make_unique<VideoWorker>(huge, QRect(0, 0, 4000, 3000), &pipeline);
         pipeline.target = std::make_unique<Keeper>(&pipeline);
         QCOMPARE(pipeline.video->videoSize(), QSize(0, 0));
         QVERIFY(!pipeline.start());

@@ -7,6 +7,7 @@
 #include "support/MediaProbe.h"
 #include "support/TestDevices.h"
 
+#include <QPainter>
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QtTest>
@@ -94,6 +95,7 @@ private slots:
     void initTestCase() { av_log_set_level(AV_LOG_ERROR); }
     void videoSteps_data();
     void videoSteps();
+    void colours();
     void lifecycle_data();
     void lifecycle();
     void setUpFailures_data();
@@ -157,6 +159,43 @@ void MuxerTest::videoSteps()
     std::sort(frames.begin(), frames.end());
     QCOMPARE(frames, pts);
     QCOMPARE(centres(probe.decodeVideo()), pictures);
+}
+
+// The picture the encoder gets: BT.601 at limited range, as H.264 players
+// read it, within 2 levels. A swap of red and blue, full range or another
+// matrix are all further off than that.
+void MuxerTest::colours()
+{
+    struct Patch
+    {
+        QColor colour;
+        int y, u, v;
+    };
+    const Patch patches[] = {{Qt::red, 81, 90, 240},    {Qt::green, 145, 54, 34}, {Qt::blue, 41, 240, 110},
+                             {Qt::white, 235, 128, 128}, {Qt::black, 16, 128, 128}, {QColor(255, 128, 0), 146, 53, 193}};
+    QImage image(QSize(6 * 32, 32), QImage::Format_BGR888);
+    QPainter painter(&image);
+    for (int i = 0; i < 6; ++i)
+        painter.fillRect(i * 32, 0, 32, 32, patches[i].colour);
+    painter.end();
+
+    QBuffer buffer;
+    QVERIFY(buffer.open(QIODevice::WriteOnly));
+    MuxerOutput output(&buffer, image.size(), std::nullopt);
+    QVERIFY(setUp(output).valid);
+    output.image = image;
+    output.imageFresh = true;
+    encodeVideoStep(output);
+    const AVFrame& frame = *output.videoFrame;
+    for (int i = 0; i < 6; ++i) {
+        const int x = i * 32 + 16, y = 16;
+        const int got[] = {frame.data[0][y * frame.linesize[0] + x], frame.data[1][y / 2 * frame.linesize[1] + x / 2],
+                           frame.data[2][y / 2 * frame.linesize[2] + x / 2]};
+        const int wanted[] = {patches[i].y, patches[i].u, patches[i].v};
+        for (int plane = 0; plane < 3; ++plane)
+            QVERIFY2(qAbs(got[plane] - wanted[plane]) <= 2,
+                     qPrintable(QString("%1, plane %2: %3, not %4").arg(patches[i].colour.name()).arg(plane).arg(got[plane]).arg(wanted[plane])));
+    }
 }
 
 void MuxerTest::lifecycle_data()
