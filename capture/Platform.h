@@ -10,6 +10,7 @@
 #include "GrabberChoice.h"
 
 #include <QByteArray>
+#include <QList>
 #include <QString>
 
 #include <chrono>
@@ -18,6 +19,7 @@
 #include <vector>
 
 struct AVDictionary;
+class QAudioDeviceInfo;
 
 namespace orvane::platform {
 
@@ -27,6 +29,12 @@ const char* desktopGrabber();
 QByteArray desktopUrl();
 const char* offsetXOption();
 const char* offsetYOption();
+
+// The audio inputs a recording can take, in the system's order: on Windows
+// every capture endpoint; on Linux the sound server's inputs where one runs,
+// else the ALSA devices. (Qt lists the raw ALSA names beside the server's,
+// and those are mostly plug-ins and pseudo-devices that record nothing.)
+QList<QAudioDeviceInfo> recordableAudioInputs();
 
 // The input that records a named audio device, the URL for it, and the
 // options it needs (null for none; the caller owns the dictionary). A

@@ -3,6 +3,8 @@
 
 #include "Platform.h"
 
+#include <QAudioDeviceInfo>
+
 #include <dxgi.h>
 
 namespace orvane::platform {
@@ -11,6 +13,11 @@ const char* desktopGrabber() { return "gdigrab"; }
 QByteArray desktopUrl() { return "desktop"; }
 const char* offsetXOption() { return "offset_x"; }
 const char* offsetYOption() { return "offset_y"; }
+
+QList<QAudioDeviceInfo> recordableAudioInputs()
+{
+    return QAudioDeviceInfo::availableDevices(QAudio::AudioInput);
+}
 
 SoundInput soundInput(const QString& deviceName)
 {
