@@ -1,5 +1,7 @@
 #pragma once
 
+#include "OpaqueUI.h"
+
 #include <QByteArray>
 #include <QMetaType>
 #include <QObject>
