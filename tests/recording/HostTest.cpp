@@ -3,6 +3,8 @@
 
 #include <QtTest>
 
+#include <unistd.h>
+
 class HostTest : public QObject
 {
     Q_OBJECT
@@ -13,9 +15,52 @@ class HostTest : public QObject
         QVERIFY(host.waitForStarted());
     }
 
+    // An X server of our own with two 1280x720 heads side by side, showing the
+    // test card; false, with the reason, where Xorg cannot start.
+    bool startTwoScreens(QString* why)
+    {
+        if (xorg.state() == QProcess::Running)
+            return true;
+        if (::geteuid() != 0) {
+            *why = "Xorg with the dummy driver runs as root only";
+            return false;
+        }
+        // -displayfd: it takes a free display and names it on its output.
+        xorg.start("Xorg", {"-config", SCREENREEL_TWO_SCREENS_CONF, "-noreset", "-nolisten", "tcp", "-novtswitch",
+                            "-sharevts", "-logfile", dir.filePath("xorg.log"), "-displayfd", "1"});
+        QString display;
+        for (QDeadlineTimer deadline(30000); display.isEmpty() && xorg.waitForStarted() && !deadline.hasExpired();)
+            display = xorg.waitForReadyRead(100) ? xorg.readAllStandardOutput().trimmed() : QString();
+        if (display.isEmpty()) {
+            xorg.kill();
+            xorg.waitForFinished();
+            QFile log(dir.filePath("xorg.log"));
+            log.open(QIODevice::ReadOnly);
+            *why = "Xorg cannot start here: " + xorg.errorString() + "\n" + xorg.readAllStandardError().right(2000)
+                   + QString(log.readAll()).section("(EE)", -3);
+            return false;
+        }
+        twoHeads.insert("DISPLAY", ":" + display);
+        card.setProcessEnvironment(twoHeads);
+        card.start(SCREENREEL_SCENE, {"--test-card"});
+        QTest::qWait(2000);  // until it shows
+        return card.state() == QProcess::Running || (*why = "the test card did not start", false);
+    }
+
     QTemporaryDir dir;
+    QProcess xorg, card;
+    QProcessEnvironment twoHeads = QProcessEnvironment::systemEnvironment();
 
 private slots:
+    void cleanupTestCase()
+    {
+        for (QProcess* process : {&card, &xorg}) {
+            process->terminate();
+            if (!process->waitForFinished(15000))
+                process->kill();
+        }
+    }
+
     void answers_data()
     {
         QTest::addColumn<QStringList>("arguments");
@@ -100,6 +145,42 @@ private slots:
         const bool paced = qEnvironmentVariableIsEmpty("SCREENREEL_SANITIZED");
         const double length = streams[0].section(',', 3, 3).toDouble();
         QVERIFY2(killed || !paced || (length > 2.999 && length < (sound ? 3.5 : 3.041)), qPrintable(streams[0]));
+    }
+
+    void twoScreens_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QString>("colours");  // of the left half and the right half
+        QTest::newRow("the second head") << QStringList{"--screen", "1"} << "blue green";
+        QTest::newRow("a region of it") << QStringList{"--screen", "1", "--region", "320x240+700+200"} << "green green";
+    }
+
+    // Screen 0 shows red and yellow, screen 1 blue and green, by halves.
+    void twoScreens()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QString, colours);
+        QString why;
+        if (!startTwoScreens(&why))
+            QSKIP(qPrintable(why));
+        QProcess host, decoder;
+        host.setProcessEnvironment(twoHeads);
+        host.setProcessChannelMode(QProcess::MergedChannels);
+        const QString file = dir.filePath("screen1.mp4");
+        run(host, arguments << "--no-preview" << "--audio" << "none" << "--seconds" << "1" << "-o" << file);
+        QVERIFY(host.waitForFinished(120000));
+        QVERIFY2(host.exitCode() == 0, host.readAll().constData());
+        // The first picture's halves, each averaged to one pixel.
+        decoder.start("ffmpeg", {"-v", "error", "-i", file, "-frames:v", "1", "-vf", "format=rgb24,scale=2:1:flags=area",
+                                 "-f", "rawvideo", "-pix_fmt", "rgb24", "-"});
+        QVERIFY(decoder.waitForFinished(60000));
+        const QByteArray rgb = decoder.readAllStandardOutput();
+        QStringList seen;
+        for (int i = 0; i + 2 < rgb.size(); i += 3) {
+            const int bits = (uchar(rgb[i]) > 128) * 4 + (uchar(rgb[i + 1]) > 128) * 2 + (uchar(rgb[i + 2]) > 128);
+            seen << QStringList{"black", "blue", "green", "cyan", "red", "magenta", "yellow", "white"}.at(bits);
+        }
+        QCOMPARE(seen.join(' '), colours);
     }
 };
 
