@@ -1,6 +1,7 @@
 #pragma once
 
-#include "OpaqueUI.h"
+#include "interface/OpaqueUI.h"
+#include "interface/ScreenReelVersion.h"
 
 #include <QByteArray>
 #include <QMetaType>

@@ -139,12 +139,13 @@ private slots:
                      && streams[0].section(',', 4).toInt() > 0
                      && (!sound || (streams[1].startsWith("aac,") && streams[1].section(',', 2).toInt() > 0)),
                  qPrintable(streams.join(" / ") + reader.readAllStandardError()));
-        // --seconds counts recorded time: without sound the picture is as long
-        // as asked, to the frame; the sound's stop adds a frame or two.
-        // A sanitized build cannot keep the pace, so its length says nothing.
+        // --seconds counts recorded time, so the picture is never shorter than
+        // asked. The stop adds what the Muxer encodes while the threads end: a
+        // frame without sound, a few with it (and the clock's jumps on a busy
+        // machine). A sanitized build cannot keep the pace, so its length says nothing.
         const bool paced = qEnvironmentVariableIsEmpty("SCREENREEL_SANITIZED");
         const double length = streams[0].section(',', 3, 3).toDouble();
-        QVERIFY2(killed || !paced || (length > 2.999 && length < (sound ? 3.5 : 3.041)), qPrintable(streams[0]));
+        QVERIFY2(killed || !paced || (length > 2.999 && length < (sound ? 4.0 : 3.1)), qPrintable(streams[0]));
     }
 
     void twoScreens_data()
