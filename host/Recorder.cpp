@@ -127,7 +127,13 @@ bool Recorder::start(const Options& options, QTextStream& err)
     }
     connect(reel, &ScreenReel::recorded, this, [this](std::chrono::milliseconds time) {
         lastTime = time;
-        if (stopAt > 0ms && stopAt - time <= pollFrom && !stopping && !lengthTimer.isActive())
+        if (stopAt <= 0ms || stopping)
+            return;
+        // Not stopped inside `recorded`: the recording's own timer sends it.
+        // Queued, the stop comes before any timer, the 5 ms poll included.
+        if (time >= stopAt)
+            QMetaObject::invokeMethod(this, &Recorder::stop, Qt::QueuedConnection);
+        else if (stopAt - time <= pollFrom && !lengthTimer.isActive())
             lengthTimer.start();
     });
     if (options.seconds > 0) {

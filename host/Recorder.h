@@ -60,8 +60,6 @@ private:
     std::chrono::milliseconds lastTime{0};   // as `recorded` last said
     std::chrono::milliseconds endTime{0};
     QTimer lengthTimer;                       // polls the recorded time near stopAt
-                                              // (not stopping inside `recorded`: the
-                                              // recording's own timer sends it)
     int stoppedCount = 0;
     bool started = false;
     bool stopping = false;
