@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <unistd.h>
 
 namespace {
 
@@ -100,7 +101,9 @@ bool Recorder::start(const Options& options, QTextStream& err)
     file = std::make_unique<QFile>();
     const bool toFile = options.output != QLatin1String("-");
     if (!toFile) {
-        if (!file->open(stdout, QIODevice::WriteOnly, QFileDevice::DontCloseHandle)) {
+        // Straight to the descriptor: a fragment held in a buffer of Qt's or
+        // stdio's would be lost to the reader if this process is killed.
+        if (!file->open(STDOUT_FILENO, QIODevice::WriteOnly | QIODevice::Unbuffered, QFileDevice::DontCloseHandle)) {
             err << "cannot write to standard output" << Qt::endl;
             return false;
         }
