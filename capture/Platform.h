@@ -10,6 +10,7 @@
 #include "GrabberChoice.h"
 
 #include <QByteArray>
+#include <QList>
 #include <QRect>
 #include <QString>
 
@@ -19,6 +20,7 @@
 #include <vector>
 
 struct AVDictionary;
+class QAudioDeviceInfo;
 
 namespace orvane::platform {
 
@@ -33,6 +35,12 @@ const char* offsetYOption();
 // (counted from the screen's corner) of `screen`: the whole screen, or where
 // the grabber can cut it for less, the part of the region on the screen.
 QRectF grabArea(const QRectF& screen, const QRect& region);
+
+// The audio inputs a recording can take, in the system's order: on Windows
+// every capture endpoint; on Linux the sound server's inputs where one runs,
+// else the ALSA devices. (Qt lists the raw ALSA names beside the server's,
+// and those are mostly plug-ins and pseudo-devices that record nothing.)
+QList<QAudioDeviceInfo> recordableAudioInputs();
 
 // The input that records a named audio device, the URL for it, and the
 // options it needs (null for none; the caller owns the dictionary). A

@@ -41,20 +41,32 @@ SoundInput pulseInput(const QString& deviceName)
 
 } // namespace
 
+QList<QAudioDeviceInfo> recordableAudioInputs()
+{
+    // Qt's sound-server realm lists one unnamed device when no server
+    // answers; a server that runs names its inputs.
+    QList<QAudioDeviceInfo> server;
+    QList<QAudioDeviceInfo> alsa;
+    bool serverRuns = false;
+    for (const QAudioDeviceInfo& info : QAudioDeviceInfo::availableDevices(QAudio::AudioInput)) {
+        if (info.realm() == QLatin1String("alsa")) {
+            alsa.append(info);
+        } else {
+            server.append(info);
+            serverRuns = serverRuns || !info.deviceName().isEmpty();
+        }
+    }
+    return serverRuns ? server : alsa;
+}
+
 SoundInput soundInput(const QString& deviceName)
 {
-    // Qt lists sound-server sources and raw ALSA devices side by side; a name
-    // that only the ALSA realm knows is opened with the ALSA input.
-    bool alsaOnly = false;
-    for (const QAudioDeviceInfo& info : QAudioDeviceInfo::availableDevices(QAudio::AudioInput)) {
-        if (info.deviceName() != deviceName)
-            continue;
-        if (info.realm() != QLatin1String("alsa"))
-            return pulseInput(deviceName);
-        alsaOnly = true;
+    // Where no sound server runs the inputs are ALSA's, opened with the ALSA
+    // input; any other name goes to the server.
+    for (const QAudioDeviceInfo& info : recordableAudioInputs()) {
+        if (info.deviceName() == deviceName && info.realm() == QLatin1String("alsa"))
+            return {"alsa", deviceName.toUtf8(), nullptr, {}};
     }
-    if (alsaOnly)
-        return {"alsa", deviceName.toUtf8(), nullptr, {}};
     return pulseInput(deviceName);
 }
 

@@ -3,6 +3,8 @@
 
 #include "Platform.h"
 
+#include <QAudioDeviceInfo>
+
 #include <dxgi.h>
 
 namespace orvane::platform {
@@ -12,6 +14,11 @@ QByteArray desktopUrl() { return "desktop"; }
 const char* offsetXOption() { return "offset_x"; }
 const char* offsetYOption() { return "offset_y"; }
 QRectF grabArea(const QRectF& screen, const QRect&) { return screen; }
+
+QList<QAudioDeviceInfo> recordableAudioInputs()
+{
+    return QAudioDeviceInfo::availableDevices(QAudio::AudioInput);
+}
 
 SoundInput soundInput(const QString& deviceName)
 {

@@ -147,6 +147,10 @@ void VideoInput::fillOptions()
                 QString::number(geometry.y(), 'g', 6).toLocal8Bit().constData(), 0);
     av_dict_set(&options, "framerate", "25", 0);
     av_dict_set(&options, "show_region", "1", 0);
+    // The grabber runs at the rate asked for. Estimating it reads frames up to
+    // the probe size, which one frame of a large screen already exceeds, and
+    // then warns that it could not.
+    av_dict_set(&options, "fpsprobesize", "0", 0);
 }
 
 bool VideoInput::selectInput()

@@ -6,18 +6,25 @@
 #include <QApplication>
 #include <QCommandLineParser>
 #include <QFileInfo>
+#include <QHBoxLayout>
 #include <QLabel>
+#include <QLoggingCategory>
+#include <QPushButton>
 #include <QRegularExpression>
 #include <QScreen>
 #include <QSocketNotifier>
-#include <QTimer>
 #include <QVBoxLayout>
 #include <QWidget>
 #include <QWindow>
 
 #include <csignal>
+#include <cstring>
 #include <memory>
 #include <unistd.h>
+
+extern "C" {
+#include <libavutil/log.h>
+}
 
 namespace {
 
@@ -49,6 +56,18 @@ QString formatTime(std::chrono::milliseconds time)
         .arg((ms / 100) % 10);
 }
 
+// Help is answered without a display, so it needs no desktop to run on.
+bool asksForHelp(int argc, char** argv)
+{
+    for (int i = 1; i < argc; ++i) {
+        for (const char* help : {"-h", "--help", "--help-all", "-?"}) {
+            if (std::strcmp(argv[i], help) == 0)
+                return true;
+        }
+    }
+    return false;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -56,8 +75,10 @@ int main(int argc, char** argv)
     // The window holds plain widgets: no OpenGL stack (on Mesa 50 MiB of
     // software renderer) is loaded for it.
     QApplication::setAttribute(Qt::AA_ForceRasterWidgets);
-    QApplication app(argc, argv);
-    QApplication::setApplicationName(QStringLiteral("screenreel-record"));
+    const std::unique_ptr<QCoreApplication> app = asksForHelp(argc, argv)
+                                                      ? std::make_unique<QCoreApplication>(argc, argv)
+                                                      : std::make_unique<QApplication>(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("screenreel-record"));
     QTextStream out(stdout);
     QTextStream err(stderr);
 
@@ -74,18 +95,31 @@ int main(int argc, char** argv)
                                     QStringLiteral("Record WxH+X+Y of the screen (default: all of it)."),
                                     QStringLiteral("WxH+X+Y"));
     const QCommandLineOption audio(QStringLiteral("audio"),
-                                   QStringLiteral("Record sound from NAME, the default input, or none."),
+                                   QStringLiteral("Record sound from NAME, the first listed input, or none."),
                                    QStringLiteral("NAME|default|none"), QStringLiteral("default"));
     const QCommandLineOption seconds(QStringLiteral("seconds"),
-                                     QStringLiteral("Stop after S seconds (default: on Ctrl+C or closing the window)."),
+                                     QStringLiteral("Stop when S seconds are recorded (default: on Stop, Ctrl+C "
+                                                    "or closing the window)."),
                                      QStringLiteral("S"));
     const QCommandLineOption showRate(QStringLiteral("show-rate"), QStringLiteral("Show the preview's frame rate."));
-    const QCommandLineOption noPreview(QStringLiteral("no-preview"), QStringLiteral("Show no preview."));
+    const QCommandLineOption noPreview(QStringLiteral("no-preview"), QStringLiteral("Show no window."));
+    const QCommandLineOption verbose(QStringLiteral("verbose"),
+                                     QStringLiteral("Also print FFmpeg's information lines (stream dumps, encoder "
+                                                    "settings and statistics) and the plug-in's plain debug lines."));
     // Not "--plugin": QGuiApplication takes that for its own and removes it.
     const QCommandLineOption plugin(QStringLiteral("plugin-file"), QStringLiteral("Load the plug-in from PATH."),
                                     QStringLiteral("PATH"));
-    parser.addOptions({list, output, screen, region, audio, seconds, showRate, noPreview, plugin});
-    parser.process(app);
+    parser.addOptions({list, output, screen, region, audio, seconds, showRate, noPreview, verbose, plugin});
+    parser.process(*app);
+
+    if (!parser.isSet(verbose)) {
+        // FFmpeg's log is one global of the process, and the host's to set:
+        // at warnings, its stream dumps, encoder banners and statistics stay
+        // out of stderr. The plug-in's two plain debug lines on the choice of
+        // grabber go the same way. QT_LOGGING_RULES still overrides this.
+        av_log_set_level(AV_LOG_WARNING);
+        QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false\ndefault.info=false"));
+    }
 
     Recorder recorder;
     if (!recorder.load(parser.value(plugin), err))
@@ -117,9 +151,16 @@ int main(int argc, char** argv)
         err << "--screen takes a number" << Qt::endl;
         return 2;
     }
-    if (parser.isSet(region) && !parseRegion(parser.value(region), &options.region)) {
-        err << "--region takes WxH+X+Y" << Qt::endl;
-        return 2;
+    if (parser.isSet(region)) {
+        if (!parseRegion(parser.value(region), &options.region)) {
+            err << "--region takes WxH+X+Y" << Qt::endl;
+            return 2;
+        }
+        if (options.region.isEmpty()) {
+            err << "--region " << parser.value(region)
+                << ": width and height must be above 0 (without --region the whole screen is recorded)" << Qt::endl;
+            return 2;
+        }
     }
     options.audio = parser.value(audio);
     if (parser.isSet(seconds)) {
@@ -130,20 +171,48 @@ int main(int argc, char** argv)
         }
     }
 
+    const bool toStandardOutput = options.output == QLatin1String("-");
+    const QString target = toStandardOutput ? QStringLiteral("standard output")
+                                            : QFileInfo(options.output).absoluteFilePath();
+    const QString limit = options.seconds > 0
+                              ? QStringLiteral(" of %1").arg(formatTime(std::chrono::milliseconds(
+                                  qint64(options.seconds * 1000))))
+                              : QString();
+
+    // The window says what is recorded where, and how it ends.
     QWidget window;
-    window.setWindowTitle(QStringLiteral("ScreenReel"));
+    window.setWindowTitle(QStringLiteral("Recording to %1 - ScreenReel")
+                              .arg(toStandardOutput ? target : QFileInfo(options.output).fileName()));
     auto* layout = new QVBoxLayout(&window);
-    auto* time = new QLabel(formatTime(std::chrono::milliseconds(0)));
-    layout->addWidget(time);
+    auto* status = new QLabel;
+    status->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    const auto showTime = [&](std::chrono::milliseconds t) {
+        status->setText(QStringLiteral("\u25CF Recording to %1    %2%3").arg(target, formatTime(t), limit));
+    };
+    showTime(std::chrono::milliseconds(0));
+    layout->addWidget(status);
+    auto* stopButton = new QPushButton(QStringLiteral("Stop"));
     if (!parser.isSet(noPreview)) {
         recorder.opaqueUI()->createView(layout, parser.isSet(showRate));
-        window.resize(640, 400);
+        auto* bar = new QHBoxLayout;
+        bar->addWidget(new QLabel(options.seconds > 0
+                                      ? QStringLiteral("Stops by itself; Stop, Ctrl+C or closing the window end it sooner.")
+                                      : QStringLiteral("Stop, Ctrl+C or closing the window end the recording.")),
+                       1);
+        bar->addWidget(stopButton);
+        layout->addLayout(bar);
+        window.resize(640, 420);
         window.show();
     }
-    QObject::connect(recorder.screenReel(), &Recorder::ScreenReel::recorded, time,
-                     [time](std::chrono::milliseconds t) { time->setText(formatTime(t)); });
+    QObject::connect(recorder.screenReel(), &Recorder::ScreenReel::recorded, status, showTime);
 
-    // Ctrl+C, a termination request, or closing the window stop the recording.
+    // Ctrl+C, a termination request, the Stop button or closing the window
+    // stop the recording, all the same way.
+    const auto stop = [&] {
+        stopButton->setEnabled(false);
+        status->setText(QStringLiteral("Stopping, finishing %1").arg(target));
+        recorder.stop();
+    };
     if (::pipe(signalPipe) == 0) {
         std::signal(SIGINT, onSignal);
         std::signal(SIGTERM, onSignal);
@@ -152,28 +221,20 @@ int main(int argc, char** argv)
     QObject::connect(&notifier, &QSocketNotifier::activated, &recorder, [&] {
         char byte;
         [[maybe_unused]] const ssize_t n = ::read(signalPipe[0], &byte, 1);
-        recorder.stop();
+        stop();
     });
+    QObject::connect(stopButton, &QPushButton::clicked, &recorder, stop);
     QApplication::setQuitOnLastWindowClosed(false);
-    QObject::connect(&app, &QGuiApplication::lastWindowClosed, &recorder, [&] { recorder.stop(); });
-    QObject::connect(&recorder, &Recorder::finished, &app, &QCoreApplication::quit);
+    QObject::connect(qApp, &QGuiApplication::lastWindowClosed, &recorder, stop);
+    QObject::connect(&recorder, &Recorder::finished, qApp, &QCoreApplication::quit);
 
     if (!recorder.start(options, err))
         return 1;
-    if (options.seconds > 0)
-        // Precise: a coarse timer may fire up to 5 % early, 19 s into 20.
-        QTimer::singleShot(int(options.seconds * 1000), Qt::PreciseTimer, &recorder, [&] { recorder.stop(); });
+    QCoreApplication::exec();
 
-    std::chrono::milliseconds last(0);
-    QObject::connect(recorder.screenReel(), &Recorder::ScreenReel::recorded, &recorder,
-                     [&last](std::chrono::milliseconds t) { last = t; });
-    app.exec();
-
-    const QString size = options.output == QLatin1String("-")
-                             ? QStringLiteral("-")
-                             : QString::number(QFileInfo(options.output).size());
-    err << "recorded " << (options.output == QLatin1String("-") ? QStringLiteral("standard output") : options.output)
-        << ": " << formatTime(last) << ", " << size << " bytes" << Qt::endl;
+    const QString size = toStandardOutput ? QStringLiteral("-") : QString::number(QFileInfo(options.output).size());
+    err << "recorded " << (toStandardOutput ? target : options.output) << ": "
+        << formatTime(recorder.recordedTime()) << ", " << size << " bytes" << Qt::endl;
     if (recorder.endedByItself()) {
         err << "the recording ended by itself (see the lines above)" << Qt::endl;
         return 3;

@@ -1,14 +1,22 @@
 #include "Recorder.h"
 
-#include <QAudioDeviceInfo>
 #include <QCoreApplication>
 #include <QFileInfo>
-#include <QGuiApplication>
-#include <QScreen>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
+#include <unistd.h>
 
 namespace {
+
+using namespace std::chrono_literals;
+
+// One frame at the plug-in's 25 a second. stop() encodes one more frame
+// than recordedTime() counts.
+constexpr std::chrono::milliseconds frameTime = 40ms;
+// `recorded` comes every 100 ms; this close to the end the time is polled.
+constexpr std::chrono::milliseconds pollFrom = 200ms;
 
 QStringList pluginCandidates()
 {
@@ -79,28 +87,27 @@ bool Recorder::start(const Options& options, QTextStream& err)
 
     std::optional<orvane::plugin::interface::AudioDevice> audio;
     if (options.audio != QLatin1String("none")) {
-        QString name = options.audio;
-        if (name == QLatin1String("default"))
-            name = QAudioDeviceInfo::defaultInputDevice().deviceName();
+        const bool first = options.audio == QLatin1String("default");
         for (const auto& device : reel->audioDevices()) {
-            if (device.name == name)
+            if (first ? device.first : device.name == options.audio)
                 audio = device;
         }
         if (!audio) {
             // Not listed: hand it over all the same, the plug-in says why it fails.
-            audio = orvane::plugin::interface::AudioDevice{QByteArray(), name, false};
+            audio = orvane::plugin::interface::AudioDevice{QByteArray(), first ? QString() : options.audio, false};
         }
     }
 
     file = std::make_unique<QFile>();
-    if (options.output == QLatin1String("-")) {
-        outputName = QStringLiteral("standard output");
-        if (!file->open(stdout, QIODevice::WriteOnly, QFileDevice::DontCloseHandle)) {
+    const bool toFile = options.output != QLatin1String("-");
+    if (!toFile) {
+        // Straight to the descriptor: a fragment held in a buffer of Qt's or
+        // stdio's would be lost to the reader if this process is killed.
+        if (!file->open(STDOUT_FILENO, QIODevice::WriteOnly | QIODevice::Unbuffered, QFileDevice::DontCloseHandle)) {
             err << "cannot write to standard output" << Qt::endl;
             return false;
         }
     } else {
-        outputName = options.output;
         file->setFileName(options.output);
         if (!file->open(QIODevice::WriteOnly | QIODevice::Truncate)) {
             err << "cannot write " << options.output << ": " << file->errorString() << Qt::endl;
@@ -112,14 +119,49 @@ bool Recorder::start(const Options& options, QTextStream& err)
     if (region.isEmpty())
         region = QRect(0, 0, int(video->geometry.width()), int(video->geometry.height()));
     started = reel->start(*video, region, audio, file.get());
-    if (!started)
+    if (!started) {
         err << "the recording was refused (see the lines above)" << Qt::endl;
-    return started;
+        // Nothing was written: an empty file would only look like a recording.
+        file->close();
+        const QFileInfo written(options.output);
+        if (toFile && written.isFile() && written.size() == 0)
+            QFile::remove(options.output);
+        return false;
+    }
+    connect(reel, &ScreenReel::recorded, this, [this](std::chrono::milliseconds time) {
+        lastTime = time;
+        if (stopAt <= 0ms || stopping)
+            return;
+        // Not stopped inside `recorded`: the recording's own timer sends it.
+        // Queued, the stop comes before any timer, the 5 ms poll included.
+        if (time >= stopAt)
+            QMetaObject::invokeMethod(this, &Recorder::stop, Qt::QueuedConnection);
+        else if (stopAt - time <= pollFrom && !lengthTimer.isActive())
+            lengthTimer.start();
+    });
+    if (options.seconds > 0) {
+        // The picture is to be as long as asked: the stop goes by the time
+        // recorded, not by the clock, and comes one frame early.
+        stopAt = std::max(std::chrono::milliseconds(std::llround(options.seconds * 1000)) - frameTime, 1ms);
+        lengthTimer.setTimerType(Qt::PreciseTimer);
+        lengthTimer.setInterval(5);
+        connect(&lengthTimer, &QTimer::timeout, this, [this] {
+            if (reel->recordedTime() >= stopAt)
+                stop();
+        });
+        if (stopAt <= pollFrom)
+            lengthTimer.start();
+    }
+    return true;
 }
 
 void Recorder::stop()
 {
+    lengthTimer.stop();
+    if (stopping || ended)
+        return;
     stopping = true;
+    endTime = reel->recordedTime() + frameTime;
     reel->stop();
 }
 
@@ -132,7 +174,10 @@ void Recorder::stateChanged(ScreenReel::State state)
     // Every end of a recording is reported twice; the second comes once the
     // recording is gone and the output is complete.
     if (++stoppedCount == 2) {
+        if (!stopping)
+            endTime = lastTime;
         ended = true;
+        lengthTimer.stop();
         emit finished();
     }
 }

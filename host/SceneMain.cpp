@@ -17,6 +17,7 @@
 
 #include <cmath>
 #include <memory>
+#include <vector>
 
 namespace {
 
@@ -124,6 +125,33 @@ private:
     std::unique_ptr<QBuffer> buffer;
 };
 
+// A still card on one screen: its left and right halves in the screen's two
+// colours, so that a recording's colours tell which screen and which part of
+// it were recorded.
+class TestCard : public QWidget
+{
+public:
+    TestCard(QScreen* screen, QColor left, QColor right)
+        : left(left)
+        , right(right)
+    {
+        setWindowTitle(QStringLiteral("ScreenReel test card"));
+        setWindowFlags(Qt::FramelessWindowHint);
+        setGeometry(screen->geometry());
+    }
+
+private:
+    void paintEvent(QPaintEvent*) override
+    {
+        QPainter painter(this);
+        painter.fillRect(0, 0, width() / 2, height(), left);
+        painter.fillRect(width() / 2, 0, width() - width() / 2, height(), right);
+    }
+
+    const QColor left;
+    const QColor right;
+};
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -134,8 +162,22 @@ int main(int argc, char** argv)
     parser.addHelpOption();
     const QCommandLineOption flash(QStringLiteral("flash"),
                                    QStringLiteral("Flash a white patch and beep once a second."));
-    parser.addOption(flash);
+    const QCommandLineOption testCard(QStringLiteral("test-card"),
+                                      QStringLiteral("Show still colours instead: screen 0 red and yellow, "
+                                                     "screen 1 blue and green, left half and right."));
+    parser.addOptions({flash, testCard});
     parser.process(app);
+
+    if (parser.isSet(testCard)) {
+        const QColor colours[][2] = {{Qt::red, Qt::yellow}, {Qt::blue, Qt::green}};
+        std::vector<std::unique_ptr<TestCard>> cards;
+        const QList<QScreen*> screens = QGuiApplication::screens();
+        for (int i = 0; i < screens.size() && i < 2; ++i) {
+            cards.push_back(std::make_unique<TestCard>(screens.at(i), colours[i][0], colours[i][1]));
+            cards.back()->show();
+        }
+        return app.exec();
+    }
 
     // Sized by hand: a bare X server has no window manager to make it full-screen.
     Scene scene(parser.isSet(flash));

@@ -1,5 +1,8 @@
 #pragma once
 
+#include "interface/OpaqueUI.h"
+#include "interface/ScreenReelVersion.h"
+
 #include <QByteArray>
 #include <QMetaType>
 #include <QObject>

@@ -61,6 +61,10 @@ MuxerOutput::MuxerOutput(QIODevice* device, const QSize& size,
 
 bool MuxerOutput::setUp()
 {
+    // An audio source that failed to open gives the all-zero format, and has
+    // said why: a resampler's complaint after that would only mislead.
+    if (audioFormat && *audioFormat == AudioFormat{})
+        return false;
     // Every packet would be refused one by one: say it once, up front.
     if (!device->isWritable()) {
         qCWarning(lcScreenReel) << "the output device is not open for writing";

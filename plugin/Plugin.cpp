@@ -2,6 +2,7 @@
 
 #include "SpyEvents.h"
 #include "capture/AudioWorker.h"
+#include "capture/Platform.h"
 #include "capture/VideoWorker.h"
 #include "output/Muxer.h"
 #include "pipeline/Logging.h"
@@ -73,7 +74,7 @@ std::vector<AudioDevice> audioDeviceList(const QStringList& names)
 
 std::vector<AudioDevice> Plugin::audioDevices()
 {
-    knownAudioDevices = QAudioDeviceInfo::availableDevices(QAudio::AudioInput);
+    knownAudioDevices = platform::recordableAudioInputs();
     QStringList names;
     for (const QAudioDeviceInfo& info : qAsConst(knownAudioDevices))
         names.append(info.deviceName());
@@ -190,7 +191,7 @@ void Plugin::timerEvent(QTimerEvent*)
 {
     if (knownAudioDevices.isEmpty())
         return;
-    if (QAudioDeviceInfo::availableDevices(QAudio::AudioInput) != knownAudioDevices)
+    if (platform::recordableAudioInputs() != knownAudioDevices)
         changeTimer->start();
 }
 

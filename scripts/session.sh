@@ -21,6 +21,8 @@ while [ $# -gt 0 ]; do
 done
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/screenreel-session.XXXXXX")
+# Qt warns on every start without one (root on a bare machine has none).
+[ -n "${XDG_RUNTIME_DIR:-}" ] || export XDG_RUNTIME_DIR="$work"
 xvfb_pid=""
 pulse_pid=""
 

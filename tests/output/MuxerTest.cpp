@@ -244,9 +244,9 @@ void MuxerTest::setUpFailures_data()
     QTest::newRow("odd size") << QSize(101, 75) << std::optional<AudioFormat>()
                               << QStringList{"could not open video codec:  \"Generic error in an external library\"",
                                              "Failed to init muxer video"};
+    // Its source has said why; nothing is added to that.
     QTest::newRow("an audio source that failed: all zero")
-        << QSize(64, 48) << std::optional<AudioFormat>(AudioFormat{})
-        << QStringList{"Failed to initialize the resampling context:  \"Invalid argument\"", "Failed to init muxer audio"};
+        << QSize(64, 48) << std::optional<AudioFormat>(AudioFormat{}) << QStringList{};
 }
 
 void MuxerTest::setUpFailures()
@@ -257,9 +257,9 @@ void MuxerTest::setUpFailures()
 
     QBuffer buffer;
     QVERIFY(buffer.open(QIODevice::WriteOnly));
-    for (const QString& warning : warnings)
-        QTest::ignoreMessage(QtWarningMsg, qPrintable(warning));
+    LogCapture log;
     auto pipeline = recording(&buffer, size, format);
+    QCOMPARE(log.texts(QtWarningMsg), warnings);
     QVERIFY(!pipeline->target->start());
     QVERIFY(!pipeline->start());
     pipeline.reset();
