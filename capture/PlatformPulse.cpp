@@ -7,6 +7,7 @@
 #include <QCoreApplication>
 
 #include <atomic>
+#include <mutex>
 
 extern "C" {
 #include <libavutil/dict.h>
@@ -77,8 +78,11 @@ bool soundTimesOnSystemClock()
     return true;
 }
 
-// Runs on the connection's own thread (libpulse's threaded loop). Every
-// member below `loop` is touched there, or elsewhere under the loop's lock.
+// Runs on the connection's own thread (libpulse's threaded loop). The server
+// is reached there, or elsewhere under the loop's lock. The fields below
+// `mutex` also have that lock of their own, which the thread checker can see
+// (libpulse's locking happens inside an uninstrumented library); it is held
+// for a few assignments only, and always after the loop's lock.
 struct AudioStreamWatch::Private
 {
     explicit Private(const QByteArray& streamName)
@@ -91,7 +95,7 @@ struct AudioStreamWatch::Private
     static void event(pa_context* context, pa_subscription_event_type_t type, uint32_t index, void* data);
     static void streamFound(pa_context* context, const pa_source_output_info* info, int last, void* data);
     static void timerFired(pa_mainloop_api* api, pa_time_event* event, const struct timeval*, void* data);
-    // Loop thread or under the lock.
+    // Loop thread or under the loop's lock; not under `mutex`.
     void endStream();
     void lock() { pa_threaded_mainloop_lock(loop); }
     void unlock() { pa_threaded_mainloop_unlock(loop); }
@@ -100,6 +104,7 @@ struct AudioStreamWatch::Private
     std::atomic<bool> gone{false};
     pa_threaded_mainloop* loop = nullptr;
     pa_context* context = nullptr;
+    std::mutex mutex;
     pa_time_event* timer = nullptr;
     uint32_t stream = PA_INVALID_INDEX;  // our stream, once the server has made it
     uint32_t source = PA_INVALID_INDEX;  // the device it records from
@@ -130,14 +135,20 @@ void AudioStreamWatch::Private::event(pa_context* context, pa_subscription_event
     auto* d = static_cast<Private*>(data);
     const auto facility = type & PA_SUBSCRIPTION_EVENT_FACILITY_MASK;
     const auto kind = type & PA_SUBSCRIPTION_EVENT_TYPE_MASK;
+    uint32_t stream, source;
+    {
+        std::lock_guard<std::mutex> lock(d->mutex);
+        stream = d->stream;
+        source = d->source;
+    }
     if (facility == PA_SUBSCRIPTION_EVENT_SOURCE_OUTPUT && kind != PA_SUBSCRIPTION_EVENT_REMOVE
-        && (d->stream == PA_INVALID_INDEX || d->stream == index)) {
+        && (stream == PA_INVALID_INDEX || stream == index)) {
         // A new stream may be ours; ours may have been moved to another device.
         pa_operation* operation = pa_context_get_source_output_info(context, index, &Private::streamFound, d);
         if (operation)
             pa_operation_unref(operation);
     } else if (facility == PA_SUBSCRIPTION_EVENT_SOURCE && kind == PA_SUBSCRIPTION_EVENT_REMOVE
-               && index == d->source && d->source != PA_INVALID_INDEX) {
+               && index == source && source != PA_INVALID_INDEX) {
         // The server announces the move of the streams before the removal of
         // their device, and answers what the stream records from only after
         // both: a removal of the device still on record is one that took our
@@ -155,9 +166,14 @@ void AudioStreamWatch::Private::streamFound(pa_context*, const pa_source_output_
     const char* name = pa_proplist_gets(info->proplist, PA_PROP_MEDIA_NAME);
     if (!name || d->streamName != name)
         return;
-    d->stream = info->index;
-    d->source = info->source;
-    if (d->ending)
+    bool ending;
+    {
+        std::lock_guard<std::mutex> lock(d->mutex);
+        d->stream = info->index;
+        d->source = info->source;
+        ending = d->ending;
+    }
+    if (ending)
         d->endStream();
 }
 
@@ -166,17 +182,25 @@ void AudioStreamWatch::Private::timerFired(pa_mainloop_api* api, pa_time_event* 
 {
     auto* d = static_cast<Private*>(data);
     api->time_free(event);
-    d->timer = nullptr;
-    d->timerDone = true;
+    {
+        std::lock_guard<std::mutex> lock(d->mutex);
+        d->timer = nullptr;
+        d->timerDone = true;
+    }
     d->endStream();
 }
 
 void AudioStreamWatch::Private::endStream()
 {
-    ending = true;
-    if (stream == PA_INVALID_INDEX || !context || pa_context_get_state(context) != PA_CONTEXT_READY)
+    uint32_t known;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        ending = true;
+        known = stream;
+    }
+    if (known == PA_INVALID_INDEX || !context || pa_context_get_state(context) != PA_CONTEXT_READY)
         return;
-    pa_operation* operation = pa_context_kill_source_output(context, stream, nullptr, nullptr);
+    pa_operation* operation = pa_context_kill_source_output(context, known, nullptr, nullptr);
     if (operation)
         pa_operation_unref(operation);
 }
@@ -207,6 +231,7 @@ AudioStreamWatch::~AudioStreamWatch()
         return;
     pa_threaded_mainloop_stop(d->loop);
     if (d->context) {
+        std::lock_guard<std::mutex> lock(d->mutex);
         if (d->timer)
             pa_threaded_mainloop_get_api(d->loop)->time_free(d->timer);
         pa_context_disconnect(d->context);
@@ -229,9 +254,13 @@ void AudioStreamWatch::unblockAfter(std::chrono::milliseconds delay)
     if (!d->context)
         return;
     d->lock();
-    if (!d->timer)
-        d->timer = pa_context_rttime_new(d->context, pa_rtclock_now() + pa_usec_t(delay.count()) * PA_USEC_PER_MSEC,
-                                         &Private::timerFired, d.get());
+    {
+        std::lock_guard<std::mutex> lock(d->mutex);
+        if (!d->timer)
+            d->timer = pa_context_rttime_new(d->context,
+                                             pa_rtclock_now() + pa_usec_t(delay.count()) * PA_USEC_PER_MSEC,
+                                             &Private::timerFired, d.get());
+    }
     d->unlock();
 }
 
@@ -240,14 +269,18 @@ bool AudioStreamWatch::finishUnblockAfter()
     if (!d->context)
         return false;
     d->lock();
-    if (d->timer) {
-        pa_threaded_mainloop_get_api(d->loop)->time_free(d->timer);
-        d->timer = nullptr;
+    bool fired;
+    {
+        std::lock_guard<std::mutex> lock(d->mutex);
+        if (d->timer) {
+            pa_threaded_mainloop_get_api(d->loop)->time_free(d->timer);
+            d->timer = nullptr;
+        }
+        fired = d->timerDone;
+        // A stream the server has not made yet is left alone now.
+        if (fired && d->stream == PA_INVALID_INDEX)
+            d->ending = false;
     }
-    const bool fired = d->timerDone;
-    // A stream the server has not made yet is left alone now.
-    if (fired && d->stream == PA_INVALID_INDEX)
-        d->ending = false;
     d->unlock();
     return fired;
 }
