@@ -28,7 +28,7 @@ for path in usr/bin/screenreel-record usr/lib/libModuleHub.so usr/lib/screenreel
     grep -qx "./$path" <<<"$contents" || fail "the package lacks /$path"
 done
 depends=$(dpkg-deb -f "$deb" Depends)
-for package in libavformat libavcodec libavdevice libavutil libswscale libswresample \
+for package in libavformat libavcodec libavdevice libavutil libswresample libyuv \
     libqt5widgets5 libqt5multimedia5 libqt5multimedia5-plugins libpulse0 libpci3; do
     grep -qE "(^|, )$package[0-9]*( |,|$)" <<<"$depends" || fail "the package does not depend on $package: $depends"
 done
