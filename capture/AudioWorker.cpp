@@ -33,7 +33,7 @@ namespace {
 // and would hold the caller, the host's GUI thread, for as long as that
 // lasts.
 constexpr std::chrono::seconds openTimeout(3);
-// Reads of a delivering device return every fragment (80 ms); a read that
+// Reads of a delivering device return every fragment (20 ms); a read that
 // has not returned this long after a stop request waits for a silent device.
 constexpr int stopGraceMs = 500;
 

@@ -27,11 +27,11 @@ namespace {
 
 SoundInput pulseInput(const QString& deviceName)
 {
-    // The sound server's default fragments are shorter than the consumer's
-    // 40 ms tick: ask for 80 ms of its default 48 kHz stereo 16-bit stream,
-    // so that few reads deliver a tick's worth.
+    // Reads of 20 ms of its default 48 kHz stereo 16-bit stream: a stop
+    // waits for the read in progress (the picture goes on meanwhile), and
+    // the worker gathers the reads into pieces of a tick.
     AVDictionary* options = nullptr;
-    av_dict_set(&options, "fragment_size", "15360", 0);
+    av_dict_set(&options, "fragment_size", "3840", 0);
     // A name of its own per stream, unique on the server, for the watch.
     static std::atomic<int> streams{0};
     const QByteArray streamName = "ScreenReel " + QByteArray::number(QCoreApplication::applicationPid())
