@@ -4,7 +4,6 @@
 #include "Platform.h"
 #include "SoundGatherer.h"
 #include "pipeline/Logging.h"
-#include "pipeline/Pipeline.h"
 
 #include <cstring>
 #include <exception>
@@ -15,11 +14,9 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
-// Threads and locks. The worker's own thread reads, decodes and hands on;
-// the GUI thread opens the input and stops the thread. The input's stream
-// on the sound server is watched from the watch's own thread, which the
-// other two reach only through AudioStreamWatch (its lock is libpulse's
-// loop lock, never held while waiting for anything of ours). No lock of
+// Threads and locks: see Pipeline.h. The worker's own thread reads, decodes
+// and hands on; the GUI thread opens the input and stops the thread; both
+// reach the sound server's side only through AudioStreamWatch. No lock of
 // the worker's own.
 
 namespace orvane {
@@ -35,7 +32,7 @@ namespace {
 constexpr std::chrono::seconds openTimeout(3);
 // Reads of a delivering device return every fragment (20 ms); a read that
 // has not returned this long after a stop request waits for a silent device.
-constexpr int stopGraceMs = 500;
+constexpr std::chrono::milliseconds stopGrace(500);
 
 } // namespace
 
@@ -103,12 +100,11 @@ bool AudioInput::setUp()
 }
 
 AudioWorker::AudioWorker(const AudioDevice& device, Pipeline* pipeline)
-    : QThread(pipeline)
+    : PartThread(QStringLiteral("AudioWorker"), pipeline)
     , Source(pipeline)
     , input(std::make_unique<AudioInput>(device))
 {
     input->valid = input->setUp();
-    setObjectName(QStringLiteral("AudioWorker"));
 }
 
 AudioWorker::~AudioWorker()
@@ -118,22 +114,14 @@ AudioWorker::~AudioWorker()
 
 bool AudioWorker::start()
 {
-    if (!input->valid)
-        return false;
-    QThread::start(QThread::InheritPriority);
-    return true;
+    return startIf(input->valid);
 }
 
 void AudioWorker::stop()
 {
-    requestInterruption();
-    if (QThread::currentThread() == this)
-        return;
     // The read looks at the request only when the device delivers; one that
     // has gone silent gets its stream ended, which makes the read fail.
-    if (!wait(QDeadlineTimer(stopGraceMs)))
-        input->watch->unblock();
-    wait(QDeadlineTimer(QDeadlineTimer::Forever));
+    stopAndWait(stopGrace, [this] { input->watch->unblock(); });
 }
 
 AudioFormat AudioWorker::audioFormat()

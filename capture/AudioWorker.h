@@ -1,9 +1,8 @@
 #pragma once
 
 #include "interface/ScreenReel.h"
+#include "pipeline/PartThread.h"
 #include "pipeline/Source.h"
-
-#include <QThread>
 
 #include <memory>
 
@@ -14,7 +13,7 @@ struct AudioInput;
 // Reads one audio input and hands every decoded frame's samples on, as they
 // come, with no conversion and no pacing. The input is opened in the
 // constructor, so its format is known before the consumer is built.
-class AudioWorker : QThread, public Source
+class AudioWorker : PartThread, public Source
 {
     Q_OBJECT
 
@@ -23,8 +22,8 @@ public:
     ~AudioWorker() override;
 
     bool start() override;
-    // Waits for the thread without a time limit; a read still blocked on a
-    // silent device after a short grace has its stream ended to free it.
+    // A read still blocked on a silent device after a short grace has its
+    // stream ended to free it.
     void stop() override;
     // The decoder's format when valid, else all zero.
     AudioFormat audioFormat() override;

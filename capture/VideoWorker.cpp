@@ -3,7 +3,6 @@
 #include "OpenInput.h"
 #include "Platform.h"
 #include "pipeline/Logging.h"
-#include "pipeline/Pipeline.h"
 
 #include <QImage>
 #include <QSysInfo>
@@ -267,31 +266,26 @@ QImage* FrameFitter::buffer(QSize size, const QRect& written)
 }
 
 VideoWorker::VideoWorker(const VideoDevice& device, const QRect& region, Pipeline* pipeline)
-    : QThread(pipeline)
+    : PartThread(QStringLiteral("VideoWorker"), pipeline)
     , Source(pipeline)
     , input(std::make_unique<VideoInput>(device, region))
 {
     input->valid = input->selectInput();
-    setObjectName(QStringLiteral("VideoWorker"));
 }
 
 VideoWorker::~VideoWorker()
 {
-    requestInterruption();
-    wait(QDeadlineTimer(QDeadlineTimer::Forever));
+    stop();
 }
 
 bool VideoWorker::start()
 {
-    if (!input->valid)
-        return false;
-    QThread::start(QThread::InheritPriority);
-    return true;
+    return startIf(input->valid);
 }
 
 void VideoWorker::stop()
 {
-    stopThread(*this);
+    stopAndWait();
 }
 
 QSize VideoWorker::videoSize()

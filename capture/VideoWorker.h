@@ -1,10 +1,10 @@
 #pragma once
 
 #include "interface/ScreenReel.h"
+#include "pipeline/PartThread.h"
 #include "pipeline/Source.h"
 
 #include <QRect>
-#include <QThread>
 
 #include <memory>
 
@@ -15,7 +15,7 @@ struct VideoInput;
 // Grabs the screen of a VideoDevice, cuts out the region and hands each frame
 // on as a QImage of Format_BGR888 of exactly the region's size. The input is
 // opened in the constructor; a failed open leaves the worker invalid.
-class VideoWorker : QThread, public Source
+class VideoWorker : PartThread, public Source
 {
     Q_OBJECT
 

@@ -4,7 +4,6 @@
 #include "MuxerOutput.h"
 #include "PacketWriter.h"
 #include "pipeline/Logging.h"
-#include "pipeline/Pipeline.h"
 
 #include <QIODevice>
 
@@ -15,6 +14,7 @@
 #include <utility>
 
 extern "C" {
+#include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 #include <libswresample/swresample.h>
 }
@@ -171,57 +171,52 @@ void finish(MuxerOutput& output)
     av_write_trailer(output.formatContext);
 }
 
-Muxer::Muxer(const QSize& size, const std::optional<AudioFormat>& format, QIODevice* output,
+Muxer::Muxer(const QSize& size, const std::optional<AudioFormat>& format, QIODevice* device,
              Pipeline* pipeline)
-    : QThread(pipeline)
+    : PartThread(QStringLiteral("Muxer"), pipeline)
     , Target(pipeline)
-    , output(std::make_unique<MuxerOutput>(output, size, format))
+    , state(std::make_unique<MuxerOutput>(device, size, format))
 {
-    this->output->valid = this->output->setUp();
-    setObjectName(QStringLiteral("Muxer"));
+    state->valid = state->setUp();
 }
 
 Muxer::~Muxer()
 {
-    requestInterruption();
-    wait(QDeadlineTimer(QDeadlineTimer::Forever));
+    stop();
 }
 
 bool Muxer::start()
 {
-    if (!output->valid)
-        return false;
-    QThread::start(QThread::InheritPriority);
-    return true;
+    return startIf(state->valid);
 }
 
 void Muxer::stop()
 {
-    stopThread(*this);
+    stopAndWait();
 }
 
 std::chrono::milliseconds Muxer::recordedTime()
 {
-    return orvane::recordedTime(*output);
+    return orvane::recordedTime(*state);
 }
 
 void Muxer::writeVideo(const QImage& image, CaptureTime captured)
 {
     if (isInterruptionRequested())
         return;
-    QMutexLocker lock(&output->mutex);
-    output->image = image;
-    output->imageCaptured = captured;
-    output->imageArrived = std::chrono::steady_clock::now();
-    output->imageFresh = true;
+    QMutexLocker lock(&state->mutex);
+    state->image = image;
+    state->imageCaptured = captured;
+    state->imageArrived = std::chrono::steady_clock::now();
+    state->imageFresh = true;
 }
 
 void Muxer::writeAudio(const QByteArray& samples, qint64 sampleCount, CaptureTime captured)
 {
-    if (isInterruptionRequested() || !output->audioFormat)
+    if (isInterruptionRequested() || !state->audioFormat)
         return;
-    QMutexLocker lock(&output->mutex);
-    output->audioQueue.append(AudioChunk{samples, sampleCount, captured});
+    QMutexLocker lock(&state->mutex);
+    state->audioQueue.append(AudioChunk{samples, sampleCount, captured});
 }
 
 std::chrono::milliseconds recordedTime(const MuxerOutput& output)
@@ -253,7 +248,7 @@ bool compareClocks(MuxerOutput& output)
 
 void Muxer::run()
 {
-    MuxerOutput& out = *output;
+    MuxerOutput& out = *state;
     if (!out.valid)
         return;
     setPriority(QThread::TimeCriticalPriority);

@@ -1,11 +1,12 @@
 #pragma once
 
 #include "pipeline/AudioFormat.h"
+#include "pipeline/PartThread.h"
 #include "pipeline/Target.h"
 
 #include <QSize>
-#include <QThread>
 
+#include <memory>
 #include <optional>
 
 class QIODevice;
@@ -18,12 +19,12 @@ struct MuxerOutput;
 // device. The encoders and the header are set up in the constructor; the
 // stream is finished when the thread is stopped, or at destruction when it
 // never ran. The device is closed at destruction.
-class Muxer : QThread, public Target
+class Muxer : PartThread, public Target
 {
     Q_OBJECT
 
 public:
-    Muxer(const QSize& size, const std::optional<AudioFormat>& format, QIODevice* output,
+    Muxer(const QSize& size, const std::optional<AudioFormat>& format, QIODevice* device,
           Pipeline* pipeline);
     ~Muxer() override;
 
@@ -36,7 +37,7 @@ public:
 private:
     void run() override;
 
-    const std::unique_ptr<MuxerOutput> output;
+    const std::unique_ptr<MuxerOutput> state;
 };
 
 } // namespace orvane

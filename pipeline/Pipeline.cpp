@@ -2,9 +2,6 @@
 
 #include "preview/BufferView.h"
 
-#include <QDeadlineTimer>
-#include <QThread>
-
 extern "C" {
 #include <libavdevice/avdevice.h>
 }
@@ -13,7 +10,7 @@ namespace orvane {
 
 Pipeline::Pipeline(BufferView* view, QObject* parent)
     : QObject(parent)
-    , view(view ? view->feed() : nullptr)
+    , preview(view ? view->feed() : nullptr)
 {
     // The capture inputs are found by name; the registry must be filled
     // before any worker opens one.
@@ -27,9 +24,9 @@ Pipeline::~Pipeline()
     // leaving its run(); it is joined here before its thread object goes.
     stopParts();
     emit stopedChanged();
-    delete video.release();
-    delete audio.release();
-    delete target.release();
+    video.reset();
+    audio.reset();
+    target.reset();
 }
 
 bool Pipeline::start()
@@ -73,13 +70,6 @@ void Pipeline::timerEvent(QTimerEvent*)
 {
     if (target)
         emit recorded(target->recordedTime());
-}
-
-void stopThread(QThread& thread)
-{
-    thread.requestInterruption();
-    if (QThread::currentThread() != &thread)
-        thread.wait(QDeadlineTimer(QDeadlineTimer::Forever));
 }
 
 } // namespace orvane

@@ -9,8 +9,6 @@
 #include <chrono>
 #include <memory>
 
-class QThread;
-
 namespace orvane {
 
 class BufferView;
@@ -19,6 +17,23 @@ class PreviewFeed;
 // One recording: up to two producers and one consumer, started and stopped in
 // a fixed order. Lives on the GUI thread and has no lock: its members are
 // written only while no worker thread runs.
+//
+// The threads of a recording, and every lock they take:
+// - GUI thread: the host's calls, every constructor and destructor, the
+//   opening of the devices, start and stop, timers, paints.
+// - "VideoWorker", "AudioWorker", "Muxer" (PartThread): capture and
+//   hand-over, encoding and writing. Each is ended by an interruption
+//   request and an unbounded wait; none waits for another but in stop.
+// - The sound server's connection thread (libpulse's threaded loop, one
+//   per AudioStreamWatch), where the server has a stream for the input.
+// Locks, never two held at once but the last pair:
+// - MuxerOutput::mutex: the image mailbox, the audio queue and the clock
+//   comparison; the capture threads hold it for a few assignments.
+// - PreviewFeed::mutex: the preview's newest image and its figure; the
+//   video thread and a paint hold it for a few assignments.
+// - The sound server's loop lock, and inside it AudioStreamWatch's own
+//   mutex: the watch's fields, for a few assignments; never held while
+//   anything of ours is waited for.
 class Pipeline : public QObject
 {
     Q_OBJECT
@@ -34,7 +49,7 @@ public:
     // GUI thread. Stops video, audio and consumer, each with an unbounded wait,
     // then emits stopedChanged; touches nothing of the object after it.
     void stop();
-    // GUI thread.
+    // GUI thread, does not block.
     std::chrono::milliseconds recordedTime();
 
     // Filled by the owner after construction in the order audio, video,
@@ -44,7 +59,7 @@ public:
     std::unique_ptr<Target> target;
     // The preview's hand-over point, null without a preview. It outlives the
     // widget, so the video thread never reaches a widget being destroyed.
-    const std::shared_ptr<PreviewFeed> view;
+    const std::shared_ptr<PreviewFeed> preview;
 
 signals:
     void startedChanged();
@@ -55,10 +70,9 @@ protected:
     void timerEvent(QTimerEvent* event) override;
 
 private:
-    friend class Source;
-    friend class Target;
+    friend class PipelinePart;
 
-    // A worker's own thread, when it gives up. Only the first caller runs the
+    // A part's own thread, when it gives up. Only the first caller runs the
     // stop sequence: a second worker giving up at the same moment returns at
     // once, so the two never wait for each other.
     void abort();
@@ -66,10 +80,5 @@ private:
 
     std::atomic<bool> aborting{false};
 };
-
-// The common stop of the thread classes: ask the thread to end and wait for
-// it without a time limit. Called on the thread itself (through abort) it
-// returns at once.
-void stopThread(QThread& thread);
 
 } // namespace orvane

@@ -8,11 +8,9 @@
 namespace orvane {
 
 Source::Source(Pipeline* pipeline)
-    : pipeline(pipeline)
+    : PipelinePart(pipeline)
 {
 }
-
-Source::~Source() = default;
 
 AudioFormat Source::audioFormat()
 {
@@ -27,18 +25,13 @@ QSize Source::videoSize()
 void Source::pushImage(const QImage& image, CaptureTime captured)
 {
     pipeline->target->writeVideo(image, captured);
-    if (pipeline->view)
-        pipeline->view->setImage(image);
+    if (pipeline->preview)
+        pipeline->preview->setImage(image);
 }
 
 void Source::pushAudio(const QByteArray& samples, qint64 sampleCount, CaptureTime captured)
 {
     pipeline->target->writeAudio(samples, sampleCount, captured);
-}
-
-void Source::abort()
-{
-    pipeline->abort();
 }
 
 } // namespace orvane

@@ -1,3 +1,4 @@
+#include "pipeline/PartThread.h"
 #include "pipeline/Pipeline.h"
 #include "preview/BufferView.h"
 
@@ -29,10 +30,10 @@ struct Script
 
 // Any part of a pipeline, with a worker thread that looks at the interruption
 // request once a pass; the video hands on a small image at each.
-class Part : public QThread, public Source, public Target
+class Part : public PartThread, public Source, public Target
 {
 public:
-    Part(const QString& name, Script& script, Pipeline* p) : Source(p), Target(p), name(name), script(script) {}
+    Part(const QString& name, Script& script, Pipeline* p) : PartThread(name, nullptr), Source(p), Target(p), name(name), script(script) {}
     bool start() override
     {
         script.add(name + ".start");
@@ -43,7 +44,7 @@ public:
     void stop() override
     {
         script.add(name + ".stop");
-        stopThread(*this);
+        stopAndWait();
     }
     std::chrono::milliseconds recordedTime() override { return {}; }
     void writeVideo(const QImage&, CaptureTime) override { ++images; }
