@@ -7,8 +7,10 @@
 #include "pipeline/Logging.h"
 
 #include <algorithm>
+#include <utility>
 
 extern "C" {
+#include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 #include <libavutil/mathematics.h>
 #include <libavutil/opt.h>
@@ -44,22 +46,10 @@ AVChannelLayout sourceLayout(const AudioFormat& format)
 
 bool openAudioStream(MuxerOutput& output)
 {
-    const AVCodec* codec = nullptr;
-    if (!addStream(output, &output.audioStream, &output.audioContext, &codec, output.outputFormat,
-                   output.outputFormat->audio_codec))
+    if (!openStream(output, Track::audio))
         return false;
     AVCodecContext* context = output.audioContext;
-    int result = avcodec_open2(context, codec, nullptr);
-    if (result < 0) {
-        qCWarning(lcScreenReel) << "could not open audio codec: " << avErrorText(result);
-        return false;
-    }
-    result = avcodec_parameters_from_context(output.audioStream->codecpar, context);
-    if (result < 0) {
-        qCWarning(lcScreenReel) << "could not copy the stream parameters: " << avErrorText(result);
-        return false;
-    }
-    output.audioFrameSize = (codec->capabilities & AV_CODEC_CAP_VARIABLE_FRAME_SIZE)
+    output.audioFrameSize = (context->codec->capabilities & AV_CODEC_CAP_VARIABLE_FRAME_SIZE)
                                 ? variableFrameSize
                                 : context->frame_size;
 
@@ -72,7 +62,7 @@ bool openAudioStream(MuxerOutput& output)
     output.audioFrame->nb_samples = output.audioFrameSize;
     output.audioFrame->format = context->sample_fmt;
     output.audioFrame->sample_rate = context->sample_rate;
-    result = av_frame_get_buffer(output.audioFrame, 0);
+    int result = av_frame_get_buffer(output.audioFrame, 0);
     if (result < 0) {
         qCWarning(lcScreenReel) << "failed to allocate audio frame: " << avErrorText(result);
         return false;
@@ -105,6 +95,18 @@ bool openAudioStream(MuxerOutput& output)
 
 namespace {
 
+// Hands the first `samples` of audioFrame to the encoder, timed by the
+// samples up to their end.
+void encodeAudioFrame(MuxerOutput& output, int samples)
+{
+    output.audioFrame->nb_samples = samples;
+    output.audioSampleCount += uint64_t(samples);
+    output.audioFrame->pts = av_rescale_q(int64_t(output.audioSampleCount), output.audioContext->time_base,
+                                          output.audioStream->time_base);
+    encodeFrame(output.formatContext, output.audioContext, output.audioStream, output.audioFrame,
+                output.audioPacket);
+}
+
 // Converts `count` samples per channel and hands every whole frame that comes
 // out to the encoder. A null `planes` empties the resampler. The encoder takes
 // whole frames only: a short rest stays in audioFrame until more comes, since
@@ -115,7 +117,6 @@ void resample(MuxerOutput& output, const uint8_t** planes, int count)
     const int bytesPerSample = av_get_bytes_per_sample(format)
                                * (av_sample_fmt_is_planar(format) ? 1 : output.audioFrame->ch_layout.nb_channels);
     for (;;) {
-        output.audioFrame->nb_samples = output.audioFrameSize;
         uint8_t* outPlanes[AV_NUM_DATA_POINTERS] = {};
         const int offset = output.audioFrameFill * bytesPerSample;
         for (int i = 0; i < AV_NUM_DATA_POINTERS && output.audioFrame->data[i]; ++i)
@@ -134,12 +135,7 @@ void resample(MuxerOutput& output, const uint8_t** planes, int count)
         if (output.audioFrameFill < output.audioFrameSize)
             continue;
         output.audioFrameFill = 0;
-        output.audioSampleCount += uint64_t(output.audioFrameSize);
-        output.audioFrame->pts = av_rescale_q(int64_t(output.audioSampleCount),
-                                              output.audioContext->time_base,
-                                              output.audioStream->time_base);
-        encodeFrame(output.formatContext, output.audioContext, output.audioStream,
-                    output.audioFrame, output.audioPacket);
+        encodeAudioFrame(output, output.audioFrameSize);
     }
 }
 
@@ -256,16 +252,8 @@ void finishAudio(MuxerOutput& output)
     if (end != noCaptureTime)
         putOnTrack(output, AudioChunk{QByteArray(), 0, end}, end);
     resample(output, nullptr, 0);
-    if (output.audioFrameFill > 0) {
-        output.audioFrame->nb_samples = output.audioFrameFill;
-        output.audioSampleCount += uint64_t(output.audioFrameFill);
-        output.audioFrameFill = 0;
-        output.audioFrame->pts = av_rescale_q(int64_t(output.audioSampleCount),
-                                              output.audioContext->time_base,
-                                              output.audioStream->time_base);
-        encodeFrame(output.formatContext, output.audioContext, output.audioStream,
-                    output.audioFrame, output.audioPacket);
-    }
+    if (output.audioFrameFill > 0)
+        encodeAudioFrame(output, std::exchange(output.audioFrameFill, 0));
     encodeFrame(output.formatContext, output.audioContext, output.audioStream, nullptr,
                 output.audioPacket);
 }

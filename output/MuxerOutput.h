@@ -16,14 +16,13 @@
 #include <optional>
 #include <vector>
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-}
-
 class QIODevice;
+struct AVCodecContext;
 struct AVFormatContext;
+struct AVFrame;
 struct AVIOContext;
 struct AVOutputFormat;
+struct AVPacket;
 struct AVStream;
 struct SwrContext;
 
@@ -94,9 +93,12 @@ struct MuxerOutput
     int audioFrameFill = 0;         // samples in audioFrame still waiting for the rest of it
 };
 
-// Builds a stream and its encoder context with the track's constants.
-bool addStream(MuxerOutput& output, AVStream** stream, AVCodecContext** context,
-               const AVCodec** codec, const AVOutputFormat* format, AVCodecID id);
+// Adds the track's stream and opens its encoder with the track's constants
+// (videoStream and videoContext, or audioStream and audioContext).
+enum class Track { video, audio };
+bool openStream(MuxerOutput& output, Track track);
+// The track's stream, then what its encoder is given: the picture, or the
+// frame and the resampler.
 bool openVideoStream(MuxerOutput& output);
 bool openAudioStream(MuxerOutput& output);
 // One tick's work on the Muxer thread.
@@ -133,15 +135,5 @@ struct Placement
 Placement placeChunk(CaptureTime due, CaptureTime captured, qint64 count, int rate, int64_t tolerance);
 // Any thread: the frames given to the video encoder, in milliseconds.
 std::chrono::milliseconds recordedTime(const MuxerOutput& output);
-
-// FFmpeg's count of the frames given to an encoder (renamed in libavcodec 60).
-inline int64_t frameNumber(const AVCodecContext* context)
-{
-#if LIBAVCODEC_VERSION_MAJOR >= 60
-    return context->frame_num;
-#else
-    return context->frame_number;
-#endif
-}
 
 } // namespace orvane

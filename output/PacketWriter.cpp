@@ -50,6 +50,15 @@ void logPacket(const AVFormatContext* formatContext, const AVPacket* packet)
                           << " stream_index: " << packet->stream_index;
 }
 
+int64_t frameNumber(const AVCodecContext* context)
+{
+#if LIBAVCODEC_VERSION_MAJOR >= 60
+    return context->frame_num;
+#else
+    return context->frame_number;
+#endif
+}
+
 void toStream(AVPacket* packet, const AVCodecContext* codecContext, const AVStream* stream)
 {
     // libavcodec leaves video packets without a duration, and the MP4 muxer

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+
 struct AVCodecContext;
 struct AVFormatContext;
 struct AVFrame;
@@ -16,6 +18,9 @@ void encodeFrame(AVFormatContext* formatContext, AVCodecContext* codecContext, A
 
 // Puts a packet from the encoder into the stream's time base and index.
 void toStream(AVPacket* packet, const AVCodecContext* codecContext, const AVStream* stream);
+
+// FFmpeg's count of the frames given to an encoder (renamed in libavcodec 60).
+int64_t frameNumber(const AVCodecContext* context);
 
 // One debug line per packet, formatted only when debug output is on.
 void logPacket(const AVFormatContext* formatContext, const AVPacket* packet);

@@ -10,6 +10,7 @@
 #include <cmath>
 
 extern "C" {
+#include <libavutil/avutil.h>
 #include <libavutil/mathematics.h>
 }
 
