@@ -158,8 +158,7 @@ void Plugin::pipelineStopped(quint64 stopped)
     // it must neither end nor seem to end the newer one.
     if (pipeline && stopped != recording)
         return;
-    if (pipeline)
-        delete pipeline.release();
+    pipeline.reset();
     emit stateChanged(State::Stopped);
 }
 
@@ -169,8 +168,7 @@ void Plugin::stop()
         return;
     pipeline->stop();
     // On the GUI thread the stop's own signal has already deleted it.
-    if (pipeline)
-        delete pipeline.release();
+    pipeline.reset();
 }
 
 std::chrono::milliseconds Plugin::recordedTime()

@@ -69,7 +69,7 @@ void PreviewFeed::setImage(const QImage& newImage)
 
 BufferView::BufferView(QWidget* parent, bool showRate)
     : QWidget(parent)
-    , shared(std::make_shared<PreviewFeed>())
+    , imageFeed(std::make_shared<PreviewFeed>())
     , showRate(showRate)
 {
     setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Expanding);
@@ -79,25 +79,25 @@ BufferView::BufferView(QWidget* parent, bool showRate)
         if (isVisible() && !window()->isMinimized())
             update();
     }, Qt::QueuedConnection);
-    QMutexLocker lock(&shared->mutex);
-    shared->view = this;
-    shared->elapsedTimer.start();
+    QMutexLocker lock(&imageFeed->mutex);
+    imageFeed->view = this;
+    imageFeed->elapsedTimer.start();
 }
 
 BufferView::~BufferView()
 {
-    QMutexLocker lock(&shared->mutex);
-    shared->view = nullptr;
+    QMutexLocker lock(&imageFeed->mutex);
+    imageFeed->view = nullptr;
 }
 
 void BufferView::setImage(const QImage& image)
 {
-    shared->setImage(image);
+    imageFeed->setImage(image);
 }
 
 std::shared_ptr<PreviewFeed> BufferView::feed() const
 {
-    return shared;
+    return imageFeed;
 }
 
 void BufferView::paintEvent(QPaintEvent*)
@@ -108,10 +108,10 @@ void BufferView::paintEvent(QPaintEvent*)
     QImage image;
     int rate;
     {
-        QMutexLocker lock(&shared->mutex);
-        image = shared->image;
-        rate = shared->rate;
-        shared->repaintAsked = false;
+        QMutexLocker lock(&imageFeed->mutex);
+        image = imageFeed->image;
+        rate = imageFeed->rate;
+        imageFeed->repaintAsked = false;
     }
     QPainter painter(this);
     if (image.isNull()) {

@@ -65,7 +65,7 @@ protected:
 private:
     void drawRate(QPainter& painter, int rate);
 
-    const std::shared_ptr<PreviewFeed> shared;
+    const std::shared_ptr<PreviewFeed> imageFeed;
     const bool showRate;
     // GUI thread only: the newest image as painted, scaled to the widget and
     // in the window's format, made once per image and size.
