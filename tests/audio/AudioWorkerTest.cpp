@@ -7,12 +7,11 @@
 #include "pipeline/Pipeline.h"
 #include "support/FakeSource.h"
 #include "support/LogCapture.h"
+#include "support/MediaProbe.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
-#include <QSignalSpy>
 #include <QThread>
 #include <QtTest>
 
@@ -71,19 +70,6 @@ struct Recording
     std::atomic<int> stopped{0};
 };
 
-QByteArray pactl(const QStringList& arguments)
-{
-    QProcess process;
-    process.start("pactl", arguments);
-    process.waitForFinished(longWait);
-    return process.readAllStandardOutput();
-}
-
-bool readFailed(const LogCapture& log)
-{
-    return log.texts(QtWarningMsg).join('\n').contains("Error reading frame");
-}
-
 } // namespace
 
 class AudioWorkerTest : public QObject
@@ -91,173 +77,146 @@ class AudioWorkerTest : public QObject
     Q_OBJECT
 
 private slots:
-    void deliversTheDeviceSamples();
-    void missingDevice();
-    void lostStreamAborts();
-    void stopWhileSuspended();
-    void openWhileSuspended();
-    void movedThenRemoved();
-    void gatheredTimes_data();
-    void gatheredTimes();
+    void deliversTheDeviceSamples()
+    {
+        Recording r("reel.monitor");
+        const AudioFormat format = r.pipeline->audio->audioFormat();
+        QCOMPARE(QString("%1 %2 %3").arg(format.sampleFormat).arg(format.sampleRate).arg(format.channels),
+                 QString("%1 48000 2").arg(AV_SAMPLE_FMT_S16));
+        QVERIFY(r.pipeline->start());
+        QTRY_VERIFY_WITH_TIMEOUT(r.target->samples >= 2 * 48000, longWait);
+        r.pipeline->stop();
+        QVERIFY(!r.running());
+        QCOMPARE(r.target->misfits, 0);
+        QCOMPARE(r.target->jumps, 0);
+        // One chunk is taken a 40 ms tick: shorter ones would pile up.
+        QVERIFY2(r.target->samples >= r.target->chunks * 1920, qPrintable(QString::number(r.target->chunks)));
+    }
+
+    void endings_data()
+    {
+        QTest::addColumn<bool>("moved");
+        QTest::addColumn<QString>("says");
+        QTest::newRow("the server ends the stream") << false << "Error reading frame";
+        QTest::newRow("moved by the user, then that source removed") << true << "audio device [ \"reel.monitor\" ] is gone";
+    }
+
+    // The server ends the stream, as when it goes down: that ends the recording.
+    // A user who moves the stream to another source moves the recording with it;
+    // that source removed, the server moves the stream on: a loss, which ends it.
+    void endings()
+    {
+        QFETCH(bool, moved);
+        QFETCH(QString, says);
+        const QString module = pactl({"load-module", "module-null-sink", "sink_name=other"});
+        const auto unload = qScopeGuard([&] { pactl({"unload-module", module}); });
+        Recording r("reel.monitor");
+        LogCapture log;
+        QVERIFY(r.pipeline->start());
+        QTRY_VERIFY_WITH_TIMEOUT(r.target->chunks > 0, longWait);
+        const QJsonArray streams = QJsonDocument::fromJson(pactl({"-f", "json", "list", "source-outputs"}).toUtf8()).array();
+        QCOMPARE(streams.size(), 1);
+        const QJsonObject stream = streams.at(0).toObject();
+        std::unique_ptr<platform::AudioStreamWatch> server;
+        if (moved) {
+            pactl({"move-source-output", QString::number(stream["index"].toInt()), "other.monitor"});
+            const qint64 at = r.target->samples;
+            QTRY_VERIFY_WITH_TIMEOUT(r.target->samples > at + 48000, longWait);
+            QCOMPARE(r.stopped.load(), 0);
+            pactl({"unload-module", module});
+        } else {
+            server = std::make_unique<platform::AudioStreamWatch>(stream["properties"]["media.name"].toString().toUtf8());
+            server->unblock();
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(r.stopped.load(), 1, longWait);
+        QTRY_VERIFY_WITH_TIMEOUT(!r.running(), longWait);
+        QVERIFY2(log.warned(says), qPrintable(log.warnings().join('\n')));
+    }
+
+    // A suspended sink's monitor delivers nothing while its stream stays: a stop
+    // returns all the same (a hang ends in the test's time limit), and an open
+    // gives up instead of holding its caller.
+    void suspended()
+    {
+        Recording r("reel.monitor");
+        LogCapture log;
+        QVERIFY(r.pipeline->start());
+        QTRY_VERIFY_WITH_TIMEOUT(r.target->chunks > 0, longWait);
+        pactl({"suspend-sink", "reel", "1"});
+        const auto resume = qScopeGuard([] { pactl({"suspend-sink", "reel", "0"}); });
+        QTest::qWait(1000);  // what was there is drained
+        const qint64 before = r.target->samples;
+        QTest::qWait(500);
+        QCOMPARE(r.target->samples, before);
+        r.pipeline->audio->stop();
+        QVERIFY(!r.running());
+        QVERIFY(!log.warned("Error reading frame"));
+        QCOMPARE(r.stopped.load(), 0);
+
+        Recording again("reel.monitor");
+        QVERIFY(again.pipeline->audio->audioFormat() == AudioFormat{});
+        QVERIFY(!again.pipeline->start());
+        QVERIFY(log.warned("audio device [ \"reel.monitor\" ] delivers no sound"));
+    }
+
+    void gatheredTimes_data()
+    {
+        QTest::addColumn<int>("frameSamples");
+        QTest::addColumn<int>("gapMs");
+        QTest::addColumn<bool>("stamped");
+        QTest::newRow("the stamps swing at first, pieces wait until they settle") << 3840 << 0 << true;
+        QTest::newRow("a gap of two seconds, stamps swinging after it") << 1920 << 2000 << true;
+        QTest::newRow("short frames gather into pieces of a tick") << 441 << 0 << true;
+        QTest::newRow("no stamps: pieces go at once") << 441 << 0 << false;
+    }
+
+    // The sound server's stamps swing by up to half a second for about a second
+    // after a start and after a gap; the pieces handed on follow the samples
+    // from where the stamps settle.
+    void gatheredTimes()
+    {
+        QFETCH(int, frameSamples);
+        QFETCH(int, gapMs);
+        QFETCH(bool, stamped);
+        struct Piece { qint64 first, count; CaptureTime captured; };
+        std::vector<Piece> pieces;
+        qint64 handed = 0;
+        SoundGatherer gatherer(AV_SAMPLE_FMT_S16, 2, 48000, [&](const QByteArray& samples, qint64 count, CaptureTime captured) {
+            QCOMPARE(samples.size(), count * 4);
+            pieces.push_back({handed, count, captured});
+            handed += count;
+        });
+        const CaptureTime t0 = 1800000000000000;
+        const qint64 gapAt = 48000 * 8;  // samples
+        const auto truth = [&](qint64 sample) {
+            return t0 + sample * 1000000 / 48000 + (sample >= gapAt ? gapMs * 1000 : 0);
+        };
+        const QByteArray silence(frameSamples * 4, '\0');
+        const uint8_t* planes[1] = {reinterpret_cast<const uint8_t*>(silence.constData())};
+        qint64 added = 0;
+        for (; added < 48000 * 16; added += frameSamples) {
+            // A damped swing from where the stretch began: -0.5 s at first.
+            const qint64 into = added >= gapAt && gapMs ? added - gapAt : added;
+            const double t = double(into) / 48000;
+            const double swing = -500000 * std::cos(2 * M_PI * t / 1.2) * std::exp(-t / 0.3);
+            const CaptureTime stamp = stamped ? truth(added) + CaptureTime(swing) : noCaptureTime;
+            const size_t before = pieces.size();
+            gatherer.add(planes, silence.size(), frameSamples, stamp);
+            if (stamped && added < 48000 && pieces.size() != before)
+                QFAIL("a piece was handed on before the stamps settled");
+        }
+        gatherer.flush();
+        QCOMPARE(handed, added);
+        for (size_t i = 0; i < pieces.size(); ++i) {
+            const Piece& piece = pieces[i];
+            const bool last = i + 1 == pieces.size() || pieces[i + 1].first == gapAt;
+            QVERIFY2(last || piece.count >= 1920, qPrintable(QString::number(piece.count)));
+            const CaptureTime expected = stamped ? truth(piece.first) : noCaptureTime;
+            QVERIFY2(qAbs(piece.captured - expected) < 15000,
+                     qPrintable(QString("piece at sample %1: %2 ms off").arg(piece.first).arg((piece.captured - expected) / 1000)));
+        }
+    }
 };
-
-void AudioWorkerTest::deliversTheDeviceSamples()
-{
-    Recording r("reel.monitor");
-    const AudioFormat format = r.pipeline->audio->audioFormat();
-    QCOMPARE(QString("%1 %2 %3").arg(format.sampleFormat).arg(format.sampleRate).arg(format.channels),
-             QString("%1 48000 2").arg(AV_SAMPLE_FMT_S16));
-    QVERIFY(r.pipeline->start());
-    QTRY_VERIFY_WITH_TIMEOUT(r.target->samples >= 2 * 48000, longWait);
-    r.pipeline->stop();
-    QVERIFY(!r.running());
-    QCOMPARE(r.target->misfits, 0);
-    QCOMPARE(r.target->jumps, 0);
-    // One chunk is taken a 40 ms tick: shorter ones would pile up.
-    QVERIFY2(r.target->samples >= r.target->chunks * 1920, qPrintable(QString::number(r.target->chunks)));
-}
-
-void AudioWorkerTest::missingDevice()
-{
-    QTest::ignoreMessage(QtWarningMsg, "unable to open device [ \"nosuch\" ]");
-    Recording r("nosuch");
-    QVERIFY(r.pipeline->audio->audioFormat() == AudioFormat{});
-    QVERIFY(!r.pipeline->start());
-    QCOMPARE(r.stopped.load(), 1);
-    QVERIFY(!r.running());
-    QCOMPARE(r.target->chunks, 0);
-}
-
-void AudioWorkerTest::lostStreamAborts()
-{
-    Recording r("reel.monitor");
-    LogCapture log;
-    QVERIFY(r.pipeline->start());
-    QTRY_VERIFY_WITH_TIMEOUT(r.target->chunks > 0, longWait);
-    // The server ends the stream, as when it goes down. (Removing the source
-    // would not: the server moves its streams elsewhere.)
-    const QJsonArray streams = QJsonDocument::fromJson(pactl({"-f", "json", "list", "source-outputs"})).array();
-    QCOMPARE(streams.size(), 1);
-    const QString name = streams.at(0)[QLatin1String("properties")][QLatin1String("media.name")].toString();
-    platform::AudioStreamWatch server(name.toUtf8());
-    server.unblock();
-    QTRY_COMPARE_WITH_TIMEOUT(r.stopped.load(), 1, longWait);
-    QTRY_VERIFY_WITH_TIMEOUT(!r.running(), longWait);
-    QVERIFY(readFailed(log));
-}
-
-// A suspended sink's monitor delivers nothing while its stream stays. (A
-// stop that hangs here ends in the test's time limit.)
-void AudioWorkerTest::stopWhileSuspended()
-{
-    Recording r("reel.monitor");
-    LogCapture log;
-    QVERIFY(r.pipeline->start());
-    QTRY_VERIFY_WITH_TIMEOUT(r.target->chunks > 0, longWait);
-    pactl({"suspend-sink", "reel", "1"});
-    QTest::qWait(1000);  // what was there is drained
-    const qint64 before = r.target->samples;
-    QTest::qWait(500);
-    QCOMPARE(r.target->samples, before);
-    r.pipeline->audio->stop();
-    QVERIFY(!r.running());
-    QVERIFY(!readFailed(log));
-    QCOMPARE(r.stopped.load(), 0);
-    pactl({"suspend-sink", "reel", "0"});
-}
-
-// One that delivers nothing from the start: the open gives up instead of
-// holding its caller.
-void AudioWorkerTest::openWhileSuspended()
-{
-    pactl({"suspend-sink", "reel", "1"});
-    const auto resume = qScopeGuard([] { pactl({"suspend-sink", "reel", "0"}); });
-    LogCapture log;
-    Recording r("reel.monitor");
-    QVERIFY(r.pipeline->audio->audioFormat() == AudioFormat{});
-    QVERIFY(!r.pipeline->start());
-    QVERIFY(log.texts(QtWarningMsg).contains("audio device [ \"reel.monitor\" ] delivers no sound"));
-}
-
-// The user moves the stream to another source: the recording follows it.
-// That source is then removed, and the server moves the stream on: that is
-// a loss, and it ends the recording.
-void AudioWorkerTest::movedThenRemoved()
-{
-    const QString module = QString::fromUtf8(pactl({"load-module", "module-null-sink", "sink_name=other"})).trimmed();
-    QVERIFY(!module.isEmpty());
-    Recording r("reel.monitor");
-    LogCapture log;
-    QVERIFY(r.pipeline->start());
-    QTRY_VERIFY_WITH_TIMEOUT(r.target->chunks > 0, longWait);
-    const QJsonArray streams = QJsonDocument::fromJson(pactl({"-f", "json", "list", "source-outputs"})).array();
-    QCOMPARE(streams.size(), 1);
-    pactl({"move-source-output", QString::number(streams.at(0)[QLatin1String("index")].toInt()), "other.monitor"});
-    const qint64 moved = r.target->samples;
-    QTRY_VERIFY_WITH_TIMEOUT(r.target->samples > moved + 48000, longWait);
-    QCOMPARE(r.stopped.load(), 0);
-    pactl({"unload-module", module});
-    QTRY_COMPARE_WITH_TIMEOUT(r.stopped.load(), 1, longWait);
-    QVERIFY(log.texts(QtWarningMsg).contains("audio device [ \"reel.monitor\" ] is gone"));
-}
-
-void AudioWorkerTest::gatheredTimes_data()
-{
-    QTest::addColumn<int>("frameSamples");
-    QTest::addColumn<int>("gapMs");
-    QTest::addColumn<bool>("stamped");
-    QTest::newRow("the stamps swing at first, pieces wait until they settle") << 3840 << 0 << true;
-    QTest::newRow("a gap of two seconds, stamps swinging after it") << 1920 << 2000 << true;
-    QTest::newRow("short frames gather into pieces of a tick") << 441 << 0 << true;
-    QTest::newRow("no stamps: pieces go at once") << 441 << 0 << false;
-}
-
-// The sound server's stamps swing by up to half a second for about a second
-// after a start and after a gap; the pieces handed on follow the samples
-// from where the stamps settle.
-void AudioWorkerTest::gatheredTimes()
-{
-    QFETCH(int, frameSamples);
-    QFETCH(int, gapMs);
-    QFETCH(bool, stamped);
-    struct Piece { qint64 first, count; CaptureTime captured; };
-    std::vector<Piece> pieces;
-    qint64 handed = 0;
-    SoundGatherer gatherer(AV_SAMPLE_FMT_S16, 2, 48000, [&](const QByteArray& samples, qint64 count, CaptureTime captured) {
-        QCOMPARE(samples.size(), count * 4);
-        pieces.push_back({handed, count, captured});
-        handed += count;
-    });
-    const CaptureTime t0 = 1800000000000000;
-    const qint64 gapAt = 48000 * 8;  // samples
-    const auto truth = [&](qint64 sample) {
-        return t0 + sample * 1000000 / 48000 + (sample >= gapAt ? gapMs * 1000 : 0);
-    };
-    const QByteArray silence(frameSamples * 4, '\0');
-    const uint8_t* planes[1] = {reinterpret_cast<const uint8_t*>(silence.constData())};
-    qint64 added = 0;
-    for (; added < 48000 * 16; added += frameSamples) {
-        // A damped swing from where the stretch began: -0.5 s at first.
-        const qint64 into = added >= gapAt && gapMs ? added - gapAt : added;
-        const double t = double(into) / 48000;
-        const double swing = -500000 * std::cos(2 * M_PI * t / 1.2) * std::exp(-t / 0.3);
-        const CaptureTime stamp = stamped ? truth(added) + CaptureTime(swing) : noCaptureTime;
-        const size_t before = pieces.size();
-        gatherer.add(planes, silence.size(), frameSamples, stamp);
-        if (stamped && added < 48000 && pieces.size() != before)
-            QFAIL("a piece was handed on before the stamps settled");
-    }
-    gatherer.flush();
-    QCOMPARE(handed, added);
-    for (size_t i = 0; i < pieces.size(); ++i) {
-        const Piece& piece = pieces[i];
-        const bool last = i + 1 == pieces.size() || pieces[i + 1].first == gapAt;
-        QVERIFY2(last || piece.count >= 1920, qPrintable(QString::number(piece.count)));
-        const CaptureTime expected = stamped ? truth(piece.first) : noCaptureTime;
-        QVERIFY2(qAbs(piece.captured - expected) < 15000,
-                 qPrintable(QString("piece at sample %1: %2 ms off").arg(piece.first).arg((piece.captured - expected) / 1000)));
-    }
-}
 
 QTEST_GUILESS_MAIN(AudioWorkerTest)
 

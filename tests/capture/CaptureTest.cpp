@@ -79,7 +79,6 @@ int openGraph(const QByteArray& graph, int type)
     return stream;
 }
 
-int messages = 0;
 const char* const fallback = "Falling back to gdigrab because d3d11va is not available...";
 
 } // namespace
@@ -145,13 +144,11 @@ private slots:
         QTest::addColumn<int>("stream");
         QTest::addColumn<QString>("warning");
         const int video = AVMEDIA_TYPE_VIDEO, audio = AVMEDIA_TYPE_AUDIO;
-        const QString noStream = "Unable to find video stream for device [ \"Screen 1\" ]";
         QTest::newRow("video") << QByteArray("testsrc") << video << 0 << "";
         QTest::newRow("two video outputs: the later") << QByteArray("testsrc[out0];testsrc[out1]") << video << 1 << "";
         QTest::newRow("audio behind video") << QByteArray("testsrc[out0];sine[out1]") << audio << 1 << "";
-        QTest::newRow("no such input") << QByteArray("nosuch") << video << -1 << "unable to open device [ \"Screen 1\" ]";
-        QTest::newRow("audio from video alone") << QByteArray("testsrc") << audio << -1 << noStream;
-        QTest::newRow("video from audio alone") << QByteArray("sine") << video << -1 << noStream;
+        QTest::newRow("audio from video alone") << QByteArray("testsrc") << audio << -1
+                                                << "Unable to find video stream for device [ \"Screen 1\" ]";
     }
     void openInput()
     {
@@ -162,15 +159,6 @@ private slots:
         if (!warning.isEmpty())
             QTest::ignoreMessage(QtWarningMsg, qPrintable(warning));
         QCOMPARE(openGraph(graph, type), stream);
-        // With the category's warnings off it says nothing.
-        QLoggingCategory::setFilterRules("screenreel.warning=false");
-        const auto previous = qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) { ++messages; });
-        messages = 0;
-        const int again = openGraph(graph, type);
-        qInstallMessageHandler(previous);
-        QLoggingCategory::setFilterRules(QString());
-        QCOMPARE(again, stream);
-        QCOMPARE(messages, 0);
     }
 
     void regions_data()
@@ -183,18 +171,27 @@ private slots:
         QTest::newRow("sticking out left and above") << QRect(-20, -20, 100, 100) << "KKKR";
         QTest::newRow("wholly off the screen: black") << QRect(1920, 0, 100, 100) << "KKKK";
         QTest::newRow("screen's size elsewhere: neither cut nor moved") << QRect(100, 100, 1920, 1080) << "RGBW";
+        // A screen larger than the display: the grabber refuses it.
+        QTest::newRow("refused") << QRect(0, 0, 4000, 3000) << "";
     }
     void regions()
     {
         QFETCH(QRect, region);
         QFETCH(QString, corners);
+        VideoDevice screen = device;
+        if (corners.isEmpty()) {
+            screen.geometry = region;
+            QTest::ignoreMessage(QtWarningMsg, "unable to open device [ \"Quadrants\" ]");
+        }
         QTest::ignoreMessage(QtDebugMsg, fallback);
         Pipeline pipeline(nullptr, nullptr);
-        pipeline.video = std::make_unique<VideoWorker>(device, region, &pipeline);
+        pipeline.video = std::make_unique<VideoWorker>(screen, region, &pipeline);
         auto* target = new Keeper(&pipeline);
         pipeline.target.reset(target);
-        QCOMPARE(pipeline.video->videoSize(), region.size());
-        QVERIFY(pipeline.start());
+        QCOMPARE(pipeline.video->videoSize(), corners.isEmpty() ? QSize(0, 0) : region.size());
+        QCOMPARE(pipeline.start(), !corners.isEmpty());
+        if (corners.isEmpty())
+            return;
         QTRY_VERIFY_WITH_TIMEOUT(target->count >= 10, 30000);
         pipeline.stop();
         QCOMPARE(target->rewritten, 0);
@@ -207,20 +204,6 @@ private slots:
         const QPoint points[] = {{10, 10}, {right, 10}, {10, bottom}, {right, bottom}};
         for (int i = 0; i < 4; ++i)
             QCOMPARE(image.pixelColor(points[i]), colours[QString("KRGBW").indexOf(corners[i])]);
-    }
-
-    void refusedDevice()
-    {
-        VideoDevice huge = device;
-        huge.name = "Huge";
-        huge.geometry = QRectF(0, 0, 4000, 3000);  // larger than the X screen
-        QTest::ignoreMessage(QtDebugMsg, fallback);
-        QTest::ignoreMessage(QtWarningMsg, "unable to open device [ \"Huge\" ]");
-        Pipeline pipeline(nullptr, nullptr);
-        pipeline.video = std::make_unique<VideoWorker>(huge, QRect(0, 0, 4000, 3000), &pipeline);
-        pipeline.target = std::make_unique<Keeper>(&pipeline);
-        QCOMPARE(pipeline.video->videoSize(), QSize(0, 0));
-        QVERIFY(!pipeline.start());
     }
 };
 

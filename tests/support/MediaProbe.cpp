@@ -19,7 +19,7 @@ QByteArray run(const QString& program, const QStringList& arguments, QString* er
 {
     QProcess process;
     process.setStandardInputFile(QProcess::nullDevice());
-    process.start(program, QStringList{"-v", "error"} + arguments);
+    process.start(program, arguments);
     const bool ran = process.waitForFinished(120000) && process.exitStatus() == QProcess::NormalExit
                      && process.exitCode() == 0;
     const QString said = QString::fromLocal8Bit(process.readAllStandardError()).trimmed();
@@ -35,7 +35,7 @@ MediaProbe MediaProbe::fromFile(const QString& path)
     MediaProbe probe;
     probe.path = path;
     const QJsonObject json = QJsonDocument::fromJson(
-        run("ffprobe", {"-of", "json", "-show_format", "-show_streams", "-show_packets", path}, &probe.error)).object();
+        run("ffprobe", {"-v", "error", "-of", "json", "-show_format", "-show_streams", "-show_packets", path}, &probe.error)).object();
     probe.duration = json["format"]["duration"].toString().toDouble();
     for (const QJsonValue s : json["streams"].toArray()) {
         const QStringList base = s["time_base"].toString().split('/');
@@ -44,10 +44,8 @@ MediaProbe MediaProbe::fromFile(const QString& path)
                               s["channels"].toInt(), base.value(0).toDouble() / base.value(1).toDouble(),
                               s["duration"].toString().toDouble(), {}});
     }
-    for (const QJsonValue p : json["packets"].toArray()) {
-        probe.streams[p["stream_index"].toInt()].packets.append(
-            {qint64(p["pts"].toDouble()), qint64(p["duration"].toDouble())});
-    }
+    for (const QJsonValue p : json["packets"].toArray())
+        probe.streams[p["stream_index"].toInt()].pts.append(qint64(p["pts"].toDouble()));
     return probe;
 }
 
@@ -71,7 +69,7 @@ int MediaProbe::streamIndex(const QString& type) const
 QVector<QImage> MediaProbe::decodeVideo() const
 {
     const ProbedStream video = streams.value(streamIndex("video"));
-    const QByteArray raw = run("ffmpeg", {"-i", path, "-map", "0:v:0", "-fps_mode", "passthrough", "-f", "rawvideo",
+    const QByteArray raw = run("ffmpeg", {"-v", "error", "-i", path, "-map", "0:v:0", "-fps_mode", "passthrough", "-f", "rawvideo",
                                           "-pix_fmt", "rgb24", "-"});
     QVector<QImage> images;
     const int bytes = video.width * video.height * 3;
@@ -84,10 +82,15 @@ QVector<QImage> MediaProbe::decodeVideo() const
 
 QVector<float> MediaProbe::decodeAudio() const
 {
-    const QByteArray raw = run("ffmpeg", {"-i", path, "-map", "0:a:0", "-f", "f32le", "-"});
+    const QByteArray raw = run("ffmpeg", {"-v", "error", "-i", path, "-map", "0:a:0", "-f", "f32le", "-"});
     QVector<float> samples(raw.size() / 4);
     std::memcpy(samples.data(), raw.constData(), size_t(samples.size()) * 4);
     return samples;
+}
+
+QString pactl(const QStringList& arguments)
+{
+    return QString::fromUtf8(run("pactl", arguments)).trimmed();
 }
 
 QString checkTone(const QVector<float>& samples, int channels, int rate, double hz)

@@ -7,12 +7,6 @@
 
 namespace orvane::test {
 
-struct ProbedPacket
-{
-    qint64 pts = 0;  // in the stream's time base
-    qint64 duration = 0;
-};
-
 struct ProbedStream
 {
     QString type;         // "video", "audio"
@@ -22,7 +16,7 @@ struct ProbedStream
     int sampleRate = 0, channels = 0;  // audio
     double timeBase = 0;  // seconds per unit
     double duration = 0;  // seconds, as the container tells it
-    QVector<ProbedPacket> packets;  // in file order
+    QVector<qint64> pts;  // of each packet in file order, in the time base
 };
 
 // What a recorded file holds, as ffprobe reads it (every packet), and its
@@ -54,5 +48,8 @@ private:
 // a clean tone of `hz` (a hundred times the power of nearby frequencies),
 // else what is wrong.
 QString checkTone(const QVector<float>& samples, int channels, int rate, double hz);
+
+// What the sound server's command line printed, trimmed.
+QString pactl(const QStringList& arguments);
 
 } // namespace orvane::test

@@ -27,21 +27,4 @@ protected:
     }
 };
 
-// A device that cannot seek and only appends, like a pipe.
-class SequentialSink : public QIODevice
-{
-public:
-    bool isSequential() const override { return true; }
-
-    QByteArray bytes;
-
-protected:
-    qint64 readData(char*, qint64) override { return -1; }
-    qint64 writeData(const char* data, qint64 size) override
-    {
-        bytes.append(data, int(size));
-        return size;
-    }
-};
-
 } // namespace orvane::test
