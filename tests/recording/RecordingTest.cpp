@@ -103,6 +103,7 @@ private slots:
         states.clear();
         ticks.clear();
     }
+    void cleanup() { stop(); }  // what a failed check left running
 
     void refusals_data()
     {
@@ -134,7 +135,6 @@ private slots:
         running.open(QIODevice::WriteOnly);
         next.open(QIODevice::WriteOnly);
         output.open(twist == "read-only" ? QIODevice::ReadOnly : QIODevice::WriteOnly);
-        const auto guard = qScopeGuard([this] { stop(); });
         if (twist == "while recording")
             QVERIFY(start(&running, small, tone));
         LogCapture log;
@@ -169,7 +169,6 @@ private slots:
         QBuffer output, next;
         output.open(QIODevice::WriteOnly);
         next.open(QIODevice::WriteOnly);
-        const auto guard = qScopeGuard([this] { stop(); });
         LogCapture log;
         QVERIFY(start(&output, small, goneSource));
         QTRY_VERIFY_WITH_TIMEOUT(ticks.size() >= 10, longWait);
@@ -199,7 +198,6 @@ private slots:
         QVERIFY(xvfb.waitForReadyRead(10000));
         const QByteArray harnessDisplay = qgetenv("DISPLAY");
         qputenv("DISPLAY", ":" + xvfb.readLine().trimmed());
-        const auto guard = qScopeGuard([this] { stop(); });
         LogCapture log;
         const bool started = start(&output, small);
         qputenv("DISPLAY", harnessDisplay);
@@ -251,8 +249,7 @@ private slots:
                 ui->createView(new QVBoxLayout(host.get()), true);
             QBuffer output;
             output.open(QIODevice::WriteOnly);
-            const auto guard = qScopeGuard([this] { stop(); });
-            init();
+                init();
             QVERIFY2(start(&output, region, sound ? std::optional(gone ? goneSource : tone) : std::nullopt, record),
                      qPrintable(what));
             QTest::qWait(ms / 2);
