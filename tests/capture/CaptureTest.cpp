@@ -1,7 +1,6 @@
-// Which screen grabber is taken, openInput on lavfi graphs, and the
-// VideoWorker grabbing a real X display that shows four coloured quadrants.
+// Which screen grabber is taken, and the VideoWorker grabbing a real X
+// display that shows four coloured quadrants.
 #include "capture/GrabberChoice.h"
-#include "capture/OpenInput.h"
 #include "capture/VideoWorker.h"
 #include "pipeline/Pipeline.h"
 
@@ -11,9 +10,7 @@
 #include <QtTest>
 
 extern "C" {
-#include <libavcodec/avcodec.h>
 #include <libavdevice/avdevice.h>
-#include <libavformat/avformat.h>
 #include <libavutil/time.h>
 }
 
@@ -58,26 +55,6 @@ public:
     int rewritten = 0;
     int mistimed = 0;
 };
-
-// Opens a lavfi graph as a worker does and frees what was made: the index of
-// the stream opened, or -1.
-int openGraph(const QByteArray& graph, int type)
-{
-    int stream = -1;
-    AVFormatContext* format = nullptr;
-    const AVCodec* codec = nullptr;
-    AVCodecContext* context = nullptr;
-    AVPacket* packet = nullptr;
-    AVFrame* frame = nullptr;
-    if (!openInput(graph.constData(), "Screen 1", &stream, nullptr, av_find_input_format("lavfi"), &format, &codec,
-                   &context, &packet, &frame, AVMediaType(type)) || !avcodec_is_open(context) || !packet || !frame)
-        stream = -1;
-    av_frame_free(&frame);
-    av_packet_free(&packet);
-    avcodec_free_context(&context);
-    avformat_close_input(&format);
-    return stream;
-}
 
 const char* const fallback = "Falling back to gdigrab because d3d11va is not available...";
 
@@ -135,30 +112,6 @@ private slots:
         for (const QString& adapter : adapters)
             list.push_back({adapter.section('|', 0, 0).toUInt(nullptr, 16), adapter.section('|', 1)});
         QCOMPARE(useDuplicationGrabber(version, probe, hasDedicatedGpu(list)), duplication);
-    }
-
-    void openInput_data()
-    {
-        QTest::addColumn<QByteArray>("graph");
-        QTest::addColumn<int>("type");
-        QTest::addColumn<int>("stream");
-        QTest::addColumn<QString>("warning");
-        const int video = AVMEDIA_TYPE_VIDEO, audio = AVMEDIA_TYPE_AUDIO;
-        QTest::newRow("video") << QByteArray("testsrc") << video << 0 << "";
-        QTest::newRow("two video outputs: the later") << QByteArray("testsrc[out0];testsrc[out1]") << video << 1 << "";
-        QTest::newRow("audio behind video") << QByteArray("testsrc[out0];sine[out1]") << audio << 1 << "";
-        QTest::newRow("audio from video alone") << QByteArray("testsrc") << audio << -1
-                                                << "Unable to find video stream for device [ \"Screen 1\" ]";
-    }
-    void openInput()
-    {
-        QFETCH(QByteArray, graph);
-        QFETCH(int, type);
-        QFETCH(int, stream);
-        QFETCH(QString, warning);
-        if (!warning.isEmpty())
-            QTest::ignoreMessage(QtWarningMsg, qPrintable(warning));
-        QCOMPARE(openGraph(graph, type), stream);
     }
 
     void regions_data()

@@ -5,7 +5,6 @@
 #include "support/MediaProbe.h"
 
 #include <QScreen>
-#include <QWidget>
 #include <QWindow>
 #include <QtTest>
 
@@ -94,10 +93,10 @@ private slots:
         QVERIFY2(changed.wait(30000), "the poll missed a new input");
     }
 
+    // A window shown, or moved to another screen, changes what is listed.
     void watchedEvents()
     {
         QWindow window;
-        QWidget widget;
         SpyEvents spy;
         QSignalSpy modified(&spy, &SpyEvents::modified);
         const auto counted = [&](QObject* object, QEvent::Type type) {  // -1: the event was swallowed
@@ -106,7 +105,6 @@ private slots:
             return spy.eventFilter(object, &event) ? -1 : modified.count() - before;
         };
         QCOMPARE(counted(&window, QEvent::Show), 1);
-        QCOMPARE(counted(&widget, QEvent::Show), 0);  // a widget counts through the window it is on
         QCOMPARE(counted(&window, QEvent::Hide), 0);
         QCOMPARE(counted(nullptr, QEvent::ScreenChangeInternal), 1);
     }
