@@ -103,7 +103,6 @@ private slots:
         states.clear();
         ticks.clear();
     }
-    void cleanup() { stop(); }  // what a failed check left running
 
     void refusals_data()
     {
@@ -135,6 +134,7 @@ private slots:
         running.open(QIODevice::WriteOnly);
         next.open(QIODevice::WriteOnly);
         output.open(twist == "read-only" ? QIODevice::ReadOnly : QIODevice::WriteOnly);
+        const auto guard = qScopeGuard([this] { stop(); });  // before the outputs go
         if (twist == "while recording")
             QVERIFY(start(&running, small, tone));
         LogCapture log;
@@ -169,6 +169,7 @@ private slots:
         QBuffer output, next;
         output.open(QIODevice::WriteOnly);
         next.open(QIODevice::WriteOnly);
+        const auto guard = qScopeGuard([this] { stop(); });
         LogCapture log;
         QVERIFY(start(&output, small, goneSource));
         QTRY_VERIFY_WITH_TIMEOUT(ticks.size() >= 10, longWait);
@@ -198,6 +199,7 @@ private slots:
         QVERIFY(xvfb.waitForReadyRead(10000));
         const QByteArray harnessDisplay = qgetenv("DISPLAY");
         qputenv("DISPLAY", ":" + xvfb.readLine().trimmed());
+        const auto guard = qScopeGuard([this] { stop(); });
         LogCapture log;
         const bool started = start(&output, small);
         qputenv("DISPLAY", harnessDisplay);
@@ -249,7 +251,8 @@ private slots:
                 ui->createView(new QVBoxLayout(host.get()), true);
             QBuffer output;
             output.open(QIODevice::WriteOnly);
-                init();
+            const auto guard = qScopeGuard([this] { stop(); });
+            init();
             QVERIFY2(start(&output, region, sound ? std::optional(gone ? goneSource : tone) : std::nullopt, record),
                      qPrintable(what));
             QTest::qWait(ms / 2);
