@@ -102,6 +102,8 @@ private slots:
             << "10" << true << QStringList{"1002|Dedicated", "8086|RX", "1234|RX"} << true;
         QTest::newRow("low byte of each unit: U+0152 is R") << "10" << true << QStringList{"1002|\u0152x"} << false;
     }
+    // Where the duplication grabber is taken over the plain one: a system new
+    // enough, a probe made, and no dedicated graphics adapter.
     void route()
     {
         QFETCH(QString, version);
@@ -127,6 +129,8 @@ private slots:
         // A screen larger than the display: the grabber refuses it.
         QTest::newRow("refused") << QRect(0, 0, 4000, 3000) << "";
     }
+    // What each region shows, cut from the screen as it is grabbed, each image
+    // in a buffer of its own and stamped with its capture time.
     void regions()
     {
         QFETCH(QRect, region);

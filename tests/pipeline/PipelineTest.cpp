@@ -117,6 +117,10 @@ private slots:
         QTest::newRow("video and audio at once") << "" << QStringList{"video", "audio"} << "";
         QTest::newRow("all three at once") << "" << QStringList{"video", "audio", "target"} << "";
     }
+    // Start, refusal, stop and abort, alone and at once: every thread ends,
+    // none waits for another or for itself (a second abort returns at once),
+    // and the owner hears Started before anything runs and Stopped on its own
+    // thread, where it may delete the pipeline.
     void recording()
     {
         QFETCH(QString, refuses);

@@ -40,6 +40,8 @@ private slots:
             QVERIFY2(plugin->qt_metacast(name) == base, name);
     }
 
+    // Titled windows, shown or not, each for its screen in device pixels;
+    // untitled ones left out.
     void videoDevices()
     {
         QCOMPARE(QGuiApplication::primaryScreen()->devicePixelRatio(), qEnvironmentVariable("QT_SCALE_FACTOR", "1").toDouble());
@@ -65,6 +67,8 @@ private slots:
         }
     }
 
+    // Duplicate names left out with their ids, the sound server's inputs
+    // alone, and the poll that sees a new one.
     void audioDevices()
     {
         QStringList listed;

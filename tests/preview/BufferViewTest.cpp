@@ -59,6 +59,7 @@ private slots:
         QTest::newRow("small image scaled up, no figure") << QSize(200, 100) << QSize(20, 10) << QRect(0, 0, 200, 100) << false;
         QTest::newRow("no image to draw") << QSize(120, 80) << QSize() << QRect() << true;
     }
+    // The image scaled to fit with bars around it, and the figure at its corner.
     void paints()
     {
         QFETCH(QSize, widget);
@@ -75,6 +76,7 @@ private slots:
         QCOMPARE(shot(view), expected(widget, drawn, showRate && !image.isEmpty() ? "0" : ""));
     }
 
+    // The figure is images per second, also for hand-overs in one millisecond.
     void rateFigure()
     {
         BufferView view(nullptr, true);
@@ -98,6 +100,8 @@ private slots:
         QVERIFY2(figure() > 0, "the figure is no rate");
     }
 
+    // The widget destroyed while another thread hands it images: the feed
+    // outlives it, and the producer goes on unharmed.
     void destroyedWhileFed()
     {
         auto* view = new BufferView(nullptr, true);

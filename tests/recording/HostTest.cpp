@@ -75,6 +75,8 @@ private slots:
         QTest::newRow("an empty region") << QStringList{"--region", "0x0+0+0"} << 2 << "must be above 0";
     }
 
+    // Exit code, message and no file left behind for what is refused before
+    // a recording; --list's screens and inputs.
     void answers()
     {
         QFETCH(QStringList, arguments);
