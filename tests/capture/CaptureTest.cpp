@@ -1,6 +1,7 @@
 // Which screen grabber is taken, and the VideoWorker grabbing a real X
 // display that shows four coloured quadrants.
 #include "capture/GrabberChoice.h"
+#include "capture/Platform.h"
 #include "capture/VideoWorker.h"
 #include "pipeline/Pipeline.h"
 
@@ -129,6 +130,16 @@ private slots:
         // A screen larger than the display: the grabber refuses it.
         QTest::newRow("refused") << QRect(0, 0, 4000, 3000) << "";
     }
+    // The grabber is asked for the region's part of its screen only, so that a
+    // small region costs little; a region of the screen's size, for the whole.
+    void grabArea()
+    {
+        const QRectF second(1280, 0, 1280, 720);
+        QCOMPARE(platform::grabArea(second, QRect(100, 50, 320, 240)), QRectF(1380, 50, 320, 240));
+        QCOMPARE(platform::grabArea(second, QRect(1200, 700, 320, 240)), QRectF(2480, 700, 80, 20));
+        QCOMPARE(platform::grabArea(second, QRect(100, 50, 1280, 720)), second);
+    }
+
     // What each region shows, cut from the screen as it is grabbed, each image
     // in a buffer of its own and stamped with its capture time.
     void regions()

@@ -1,5 +1,6 @@
 #include "pipeline/PartThread.h"
 #include "pipeline/Pipeline.h"
+#include "support/LogCapture.h"
 
 #include <QtTest>
 
@@ -8,6 +9,7 @@
 #include <utility>
 
 using namespace orvane;
+using namespace orvane::test;
 
 namespace {
 
@@ -126,6 +128,7 @@ private slots:
         QFETCH(QString, refuses);
         QFETCH(QStringList, giving);
         QFETCH(QString, journal);
+        LogCapture log;  // Qt's complaint of a thread waiting for itself, among others
         Rig r;
         const bool hostStops = giving.removeAll("host");
         r.script.refusing << refuses;
@@ -146,6 +149,7 @@ private slots:
         QCOMPARE(r.script.journal.count("stopped"), hostStops ? 3 : 2);
         if (!journal.isEmpty())
             QCOMPARE(r.script.journal.join(' '), journal);  // all threads ended
+        QVERIFY2(log.warnings().isEmpty(), qPrintable(log.warnings().join('\n')));
     }
 };
 
