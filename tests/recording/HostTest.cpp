@@ -136,9 +136,8 @@ private slots:
         const MediaProbe probe = MediaProbe::fromFile(file);
         QVERIFY2(probe.isValid() || killed, qPrintable(probe.error));
         const ProbedStream video = probe.streams.value(probe.streamIndex("video"));
-        const int frames = probe.decodeVideo().size();
         QCOMPARE(QString("%1 %2x%3").arg(video.codec).arg(video.width).arg(video.height), QString("h264 1920x1080"));
-        QVERIFY(frames > 0);
+        QVERIFY(!probe.decodeVideo().isEmpty());
         // --seconds counts recorded time, so the picture is never shorter than
         // asked. Longer by what the Muxer encodes while the threads end (a
         // frame without sound, a few with it) and, on a busy machine, by the
@@ -153,7 +152,7 @@ private slots:
         const QString wrong = checkTone(samples, sound.channels, sound.sampleRate, 440);
         QVERIFY2(wrong.isEmpty(), qPrintable(wrong));
         const double seconds = double(samples.size()) / sound.channels / sound.sampleRate;
-        QVERIFY2(qAbs(seconds - frames * 0.04) < 0.3, qPrintable(QString("sound %1 s, %2 frames").arg(seconds).arg(frames)));
+        QVERIFY2(qAbs(seconds - video.duration) < 0.3, qPrintable(QString("sound %1 s, picture %2 s").arg(seconds).arg(video.duration)));
     }
 
     void twoScreens_data()
