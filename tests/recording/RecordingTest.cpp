@@ -275,10 +275,13 @@ private slots:
             QVERIFY2(std::is_sorted(ticks.begin(), ticks.end()) && (i > 0 || ticks.last() > ticks.first()),
                      qPrintable(what + "time went back"));
             QVERIFY2(!output.isOpen(), qPrintable(what + "output left open"));
-            // Sound comes a little late: a short recording may have none yet.
+            // Sound comes a little late: a short recording may have none yet. In
+            // a sanitized build a few milliseconds may not see a picture either.
             const QString video = QString("h264 %1x%2").arg(region.width()).arg(region.height());
             const QString found = contents(MediaProbe::fromData(output.data()));
-            QVERIFY2(found == video + ", aac" ? sound : found == video && (!sound || i > 0), qPrintable(what + found));
+            const bool slow = !qEnvironmentVariableIsEmpty("SCREENREEL_SANITIZED") && ms < 100;
+            QVERIFY2(found == video + ", aac" ? sound : found == video ? !sound || i > 0 : found.isEmpty() && slow,
+                     qPrintable(what + found));
             QTRY_COMPARE_WITH_TIMEOUT(workerThreads(), 0, longWait);
         }
     }
