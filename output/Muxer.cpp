@@ -171,11 +171,11 @@ void finish(MuxerOutput& output)
     av_write_trailer(output.formatContext);
 }
 
-Muxer::Muxer(const QSize& size, const std::optional<AudioFormat>& format, QIODevice* device,
+Muxer::Muxer(const QSize& size, const std::optional<AudioFormat>& format, QIODevice* output,
              Pipeline* pipeline)
     : PartThread(QStringLiteral("Muxer"), pipeline)
     , Target(pipeline)
-    , state(std::make_unique<MuxerOutput>(device, size, format))
+    , state(std::make_unique<MuxerOutput>(output, size, format))
 {
     state->valid = state->setUp();
 }
@@ -248,10 +248,8 @@ bool compareClocks(MuxerOutput& output)
 
 void Muxer::run()
 {
-    MuxerOutput& out = *state;
-    if (!out.valid)
-        return;
     setPriority(QThread::TimeCriticalPriority);
+    MuxerOutput& out = *state;
     try {
         // Tick n is due at start + n ticks. Ticks lost wholly to a late one
         // are not made up, but the video clock counts them: the picture
