@@ -221,12 +221,14 @@ void Muxer::writeAudio(const QByteArray& samples, qint64 sampleCount, CaptureTim
 
 std::chrono::milliseconds recordedTime(const MuxerOutput& output)
 {
-    // Frames really encoded, 40 ms apiece; the clock's jumps are not in it.
-    // Whole numbers: in floating point 803 frames would read 32119 ms.
+    // The picture's frames, 40 ms apiece: those encoded and the lost ticks
+    // they cover, so that a host stopping at a length gets a picture that
+    // long on a busy machine too. The clock's jumps are not in it. Whole
+    // numbers: in floating point 803 frames would read 32119 ms.
     if (!output.videoContext)
         return std::chrono::milliseconds(0);
     const AVRational timeBase = output.videoContext->time_base;
-    const int64_t frames = output.encodedFrames.load(std::memory_order_relaxed);
+    const int64_t frames = output.pictureFrames.load(std::memory_order_relaxed);
     return std::chrono::milliseconds(frames * 1000 * timeBase.num / timeBase.den);
 }
 
@@ -280,8 +282,10 @@ void Muxer::run()
                 const auto lost = (now - deadline) / tick;
                 deadline += lost * tick;
                 // Before the first picture there is no track to keep in time.
-                if (out.videoFrameCount > 0)
+                if (out.videoFrameCount > 0) {
                     out.videoFrameCount += uint64_t(lost);
+                    out.lostTicks += uint64_t(lost);
+                }
             } else {
                 std::this_thread::sleep_until(deadline);
             }

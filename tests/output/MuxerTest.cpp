@@ -368,7 +368,7 @@ void MuxerTest::clocks()
     QCOMPARE(output.videoFrameCount, frames + (jump ? 10 : 0));
     QCOMPARE(log.texts(QtDebugMsg), jump ? QStringList{"video frame count adjusted"} : QStringList());
     // Recorded time counts whole frames: in floating point 803 read 1 ms short.
-    output.encodedFrames = 803;
+    output.pictureFrames = 803;
     QCOMPARE(recordedTime(output), 32120ms);
 }
 
