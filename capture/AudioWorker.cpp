@@ -34,35 +34,23 @@ constexpr std::chrono::seconds openTimeout(3);
 // has not returned this long after a stop request waits for a silent device.
 constexpr std::chrono::milliseconds stopGrace(500);
 
+constexpr DecodeLog decodeLog{"Error sending a audio packet for decoding", false,
+                              "Error during audio decoding ", true};
+
 } // namespace
 
 // Everything the audio thread works with, opened in the constructor.
-struct AudioInput
+struct AudioInput : CaptureInput
 {
     explicit AudioInput(const AudioDevice& device)
         : device(device)
     {
-    }
-    ~AudioInput()
-    {
-        av_frame_free(&frame);
-        av_packet_free(&packet);
-        avcodec_free_context(&codecContext);
-        avformat_close_input(&formatContext);
     }
 
     bool setUp();
 
     const AudioDevice device;
     std::unique_ptr<platform::AudioStreamWatch> watch;  // the stream on the sound server, if any
-    bool valid = false;
-    int streamIndex = -1;
-    const AVInputFormat* inputFormat = nullptr;
-    AVFormatContext* formatContext = nullptr;
-    const AVCodec* codec = nullptr;
-    AVCodecContext* codecContext = nullptr;
-    AVPacket* packet = nullptr;
-    AVFrame* frame = nullptr;
 };
 
 bool AudioInput::setUp()
@@ -146,10 +134,6 @@ AudioFormat AudioWorker::audioFormat()
 void AudioWorker::run()
 {
     setPriority(QThread::TimeCriticalPriority);
-    if (!input->valid) {
-        abort();
-        return;
-    }
     AudioInput& in = *input;
     const bool timed = platform::soundTimesOnSystemClock();
     SoundGatherer gathered(in.codecContext->sample_fmt, in.codecContext->ch_layout.nb_channels,
@@ -177,33 +161,17 @@ void AudioWorker::run()
                 abort();
                 return;
             }
-            if (in.packet->stream_index != in.streamIndex) {
-                av_packet_unref(in.packet);
-                continue;
-            }
-            if (avcodec_send_packet(in.codecContext, in.packet) < 0) {
-                qCWarning(lcScreenReel) << "Error sending a audio packet for decoding";
-                av_packet_unref(in.packet);
-                continue;
-            }
-            for (;;) {
-                result = avcodec_receive_frame(in.codecContext, in.frame);
-                if (result == AVERROR(EAGAIN) || result == AVERROR_EOF)
-                    break;
-                if (result < 0) {
-                    qCWarning(lcScreenReel) << "Error during audio decoding " << result;
-                    break;
-                }
+            decodePacket(in.codecContext, in.streamIndex, in.packet, in.frame, decodeLog, [&](const AVFrame& frame) {
                 int lineSize = 0;
-                if (av_samples_get_buffer_size(&lineSize, in.frame->ch_layout.nb_channels, in.frame->nb_samples,
-                                               AVSampleFormat(in.frame->format), 1) < 0) {
+                if (av_samples_get_buffer_size(&lineSize, frame.ch_layout.nb_channels, frame.nb_samples,
+                                               AVSampleFormat(frame.format), 1) < 0) {
                     qCWarning(lcScreenReel) << "unable to get audio buffer size";
-                    break;
+                    return false;
                 }
-                gathered.add(in.frame->extended_data, lineSize, in.frame->nb_samples,
-                             captureTime(in.formatContext, in.streamIndex, in.frame, timed));
-            }
-            av_packet_unref(in.packet);
+                gathered.add(frame.extended_data, lineSize, frame.nb_samples,
+                             captureTime(in.formatContext, in.streamIndex, &frame, timed));
+                return true;
+            });
         }
         // What was gathered when the stop came is the end of the sound.
         gathered.flush();

@@ -9,6 +9,14 @@ extern "C" {
 
 namespace orvane {
 
+CaptureInput::~CaptureInput()
+{
+    av_frame_free(&frame);
+    av_packet_free(&packet);
+    avcodec_free_context(&codecContext);
+    avformat_close_input(&formatContext);
+}
+
 bool openInput(const char* url, const QString& deviceName, int* streamIndex, AVDictionary** options,
                const AVInputFormat* inputFormat, AVFormatContext** formatContext,
                const AVCodec** codec, AVCodecContext** codecContext, AVPacket** packet,
@@ -68,6 +76,38 @@ CaptureTime captureTime(const AVFormatContext* formatContext, int streamIndex, c
     if (!onSystemClock || frame->pts == AV_NOPTS_VALUE)
         return noCaptureTime;
     return av_rescale_q(frame->pts, formatContext->streams[streamIndex]->time_base, AV_TIME_BASE_Q);
+}
+
+namespace {
+
+void logFailure(const char* text, bool withCode, int result)
+{
+    if (withCode)
+        qCWarning(lcScreenReel) << text << result;
+    else
+        qCWarning(lcScreenReel) << text;
+}
+
+} // namespace
+
+void decodePacket(AVCodecContext* codecContext, int streamIndex, AVPacket* packet, AVFrame* frame,
+                  const DecodeLog& log, const std::function<bool(const AVFrame&)>& take)
+{
+    if (packet->stream_index == streamIndex) {
+        int result = avcodec_send_packet(codecContext, packet);
+        if (result < 0)
+            logFailure(log.sendFailed, log.sendWithCode, result);
+        while (result >= 0) {
+            result = avcodec_receive_frame(codecContext, frame);
+            if (result == AVERROR(EAGAIN) || result == AVERROR_EOF)
+                break;
+            if (result < 0)
+                logFailure(log.receiveFailed, log.receiveWithCode, result);
+            else if (!take(*frame))
+                break;
+        }
+    }
+    av_packet_unref(packet);
 }
 
 } // namespace orvane

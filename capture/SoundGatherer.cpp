@@ -9,16 +9,17 @@ extern "C" {
 
 namespace orvane {
 
+using namespace std::chrono_literals;
+
 namespace {
 
-constexpr int piecesPerSecond = 25;
-// A stretch is placed once this much of it has come (microseconds of
-// sound), by the stamps from `settleFrom` on, over the last `window`.
-constexpr int64_t settleAfter = 1500000;
-constexpr int64_t settleFrom = 750000;
-constexpr int64_t window = 2000000;
+// A piece is a tick of the recording's 25 frames a second.
+constexpr std::chrono::milliseconds pieceLength = 40ms;
+// A stretch is placed once this much of its sound has come, by the stamps
+// from `settleFrom` on, over the last `window`.
+constexpr std::chrono::milliseconds settleAfter = 1500ms, settleFrom = 750ms, window = 2000ms;
 // A stamp this far from the settled place of its stretch comes after a gap.
-constexpr int64_t gapAtLeast = 100000;
+constexpr std::chrono::microseconds gapAtLeast = 100ms;
 
 } // namespace
 
@@ -26,7 +27,7 @@ SoundGatherer::SoundGatherer(AVSampleFormat format, int channels, int rate, Push
     : rate(rate)
     , planeCount(av_sample_fmt_is_planar(format) ? channels : 1)
     , push(std::move(push))
-    , pieceSamples((rate + piecesPerSecond - 1) / piecesPerSecond)
+    , pieceSamples(samples(pieceLength))
 {
     startPiece();
 }
@@ -34,6 +35,11 @@ SoundGatherer::SoundGatherer(AVSampleFormat format, int channels, int rate, Push
 int64_t SoundGatherer::duration(qint64 samples) const
 {
     return av_rescale(samples, AV_TIME_BASE, rate);
+}
+
+qint64 SoundGatherer::samples(std::chrono::milliseconds length) const
+{
+    return av_rescale_rnd(length.count(), rate, 1000, AV_ROUND_UP);
 }
 
 void SoundGatherer::startPiece()
@@ -46,7 +52,7 @@ void SoundGatherer::add(const uint8_t* const* planes, int lineSize, int count, C
     if (stamped == noCaptureTime)
         timed = false;
     const int64_t stampOffset = timed ? stamped - duration(next) : 0;
-    if (timed && settled && std::abs(stampOffset - offset) >= gapAtLeast) {
+    if (timed && settled && std::chrono::microseconds(std::abs(stampOffset - offset)) >= gapAtLeast) {
         // A gap: what came before is placed by its own stretch.
         if (current.count > 0)
             release(current, offset);
@@ -57,7 +63,7 @@ void SoundGatherer::add(const uint8_t* const* planes, int lineSize, int count, C
     }
     if (timed) {
         stamps.push_back({next, stampOffset});
-        while (stamps.front().sample < next - av_rescale(window, rate, AV_TIME_BASE))
+        while (stamps.front().sample < next - samples(window))
             stamps.pop_front();
     }
     for (int i = 0; i < planeCount; ++i)
@@ -87,10 +93,10 @@ void SoundGatherer::add(const uint8_t* const* planes, int lineSize, int count, C
 bool SoundGatherer::settledOffset(bool final, int64_t* result)
 {
     const qint64 span = next - stretchBegin;
-    if (!final && span < av_rescale(settleAfter, rate, AV_TIME_BASE))
+    if (!final && span < samples(settleAfter))
         return false;
     // The stamps after the swing; at the end of a short stretch its later half.
-    const qint64 from = stretchBegin + std::min<qint64>(av_rescale(settleFrom, rate, AV_TIME_BASE), span / 2);
+    const qint64 from = stretchBegin + std::min(samples(settleFrom), span / 2);
     std::vector<int64_t> offsets;
     for (const Stamp& stamp : stamps) {
         if (stamp.sample >= from)

@@ -4,6 +4,7 @@
 
 #include <QByteArray>
 
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -55,6 +56,8 @@ private:
     };
 
     int64_t duration(qint64 samples) const;
+    // Samples in `length`, rounded up.
+    qint64 samples(std::chrono::milliseconds length) const;
     void startPiece();
     void release(Piece& piece, CaptureTime offset);
     // The offset of the stretch by the stamps that have settled; false while

@@ -28,6 +28,8 @@ using plugin::interface::VideoDevice;
 
 namespace {
 
+constexpr DecodeLog decodeLog{"Error sending a packet for decoding: ", true, "Error during decoding", false};
+
 // Converts rows of a grabbed format into BGR24, with libyuv's signature.
 struct RowConverter
 {
@@ -93,7 +95,7 @@ private:
 } // namespace
 
 // Everything the video thread works with, opened in the constructor.
-struct VideoInput
+struct VideoInput : CaptureInput
 {
     VideoInput(const VideoDevice& device, const QRect& region)
         : device(device)
@@ -101,14 +103,7 @@ struct VideoInput
         , grabbed(platform::grabArea(device.geometry, region))
     {
     }
-    ~VideoInput()
-    {
-        av_frame_free(&frame);
-        av_packet_free(&packet);
-        avcodec_free_context(&codecContext);
-        avformat_close_input(&formatContext);
-        av_dict_free(&options);
-    }
+    ~VideoInput() { av_dict_free(&options); }
 
     bool selectInput();
     QByteArray buildGrabGraph() const;
@@ -117,15 +112,7 @@ struct VideoInput
     const VideoDevice device;
     const QRect region;
     const QRectF grabbed;  // the part of the desktop the grabber delivers
-    bool valid = false;
-    int streamIndex = -1;
     AVDictionary* options = nullptr;
-    const AVInputFormat* inputFormat = nullptr;
-    AVFormatContext* formatContext = nullptr;
-    const AVCodec* codec = nullptr;
-    AVCodecContext* codecContext = nullptr;
-    AVPacket* packet = nullptr;
-    AVFrame* frame = nullptr;
 };
 
 QByteArray VideoInput::buildGrabGraph() const
@@ -296,11 +283,8 @@ QSize VideoWorker::videoSize()
 void VideoWorker::run()
 {
     setPriority(QThread::TimeCriticalPriority);
-    if (!input->valid) {
-        abort();
-        return;
-    }
     VideoInput& in = *input;
+    const bool timed = platform::screenTimesOnSystemClock();
     try {
         FrameFitter fitter(in.region, FrameFitter::placement(in.device.geometry, in.region, in.grabbed));
         while (!isInterruptionRequested()) {
@@ -311,33 +295,15 @@ void VideoWorker::run()
                 qCWarning(lcScreenReel) << "Error reading frame" << result;
                 break;
             }
-            if (in.packet->stream_index != in.streamIndex) {
-                av_packet_unref(in.packet);
-                continue;
-            }
-            result = avcodec_send_packet(in.codecContext, in.packet);
-            if (result < 0) {
-                qCWarning(lcScreenReel) << "Error sending a packet for decoding: " << result;
-                av_packet_unref(in.packet);
-                continue;
-            }
-            for (;;) {
-                result = avcodec_receive_frame(in.codecContext, in.frame);
-                if (result == AVERROR(EAGAIN) || result == AVERROR_EOF)
-                    break;
-                if (result < 0) {
-                    qCWarning(lcScreenReel) << "Error during decoding";
-                    break;
-                }
-                const QImage out = fitter.fit(*in.frame);
+            decodePacket(in.codecContext, in.streamIndex, in.packet, in.frame, decodeLog, [&](const AVFrame& frame) {
+                const QImage out = fitter.fit(frame);
                 if (out.isNull()) {
                     qCWarning(lcScreenReel) << "Unable to create frame";
-                    break;
+                    return false;
                 }
-                pushImage(out, captureTime(in.formatContext, in.streamIndex, in.frame,
-                                           platform::screenTimesOnSystemClock()));
-            }
-            av_packet_unref(in.packet);
+                pushImage(out, captureTime(in.formatContext, in.streamIndex, &frame, timed));
+                return true;
+            });
         }
     } catch (const std::exception& e) {
         qCWarning(lcScreenReel) << "ScreenReel error: " << e.what();

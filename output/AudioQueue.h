@@ -27,8 +27,9 @@ public:
 
     explicit AudioQueue(int sampleRate);
 
+    // The audio thread, under the Muxer's mutex; never waits.
     void append(const AudioChunk& chunk);
-    // False when empty.
+    // The Muxer thread, under the mutex, as the two below. False when empty.
     bool take(AudioChunk* chunk);
     bool isEmpty() const { return chunks.isEmpty(); }
     // The capture time of the oldest chunk; noCaptureTime when there is none.

@@ -171,11 +171,11 @@ void finish(MuxerOutput& output)
     av_write_trailer(output.formatContext);
 }
 
-Muxer::Muxer(const QSize& size, const std::optional<AudioFormat>& format, QIODevice* device,
+Muxer::Muxer(const QSize& size, const std::optional<AudioFormat>& format, QIODevice* output,
              Pipeline* pipeline)
     : PartThread(QStringLiteral("Muxer"), pipeline)
     , Target(pipeline)
-    , state(std::make_unique<MuxerOutput>(device, size, format))
+    , state(std::make_unique<MuxerOutput>(output, size, format))
 {
     state->valid = state->setUp();
 }
@@ -221,12 +221,14 @@ void Muxer::writeAudio(const QByteArray& samples, qint64 sampleCount, CaptureTim
 
 std::chrono::milliseconds recordedTime(const MuxerOutput& output)
 {
-    // Frames really encoded, 40 ms apiece; the clock's jumps are not in it.
-    // Whole numbers: in floating point 803 frames would read 32119 ms.
+    // The picture's frames, 40 ms apiece: those encoded and the lost ticks
+    // they cover, so that a host stopping at a length gets a picture that
+    // long on a busy machine too. The clock's jumps are not in it. Whole
+    // numbers: in floating point 803 frames would read 32119 ms.
     if (!output.videoContext)
         return std::chrono::milliseconds(0);
     const AVRational timeBase = output.videoContext->time_base;
-    const int64_t frames = output.encodedFrames.load(std::memory_order_relaxed);
+    const int64_t frames = output.pictureFrames.load(std::memory_order_relaxed);
     return std::chrono::milliseconds(frames * 1000 * timeBase.num / timeBase.den);
 }
 
@@ -248,10 +250,8 @@ bool compareClocks(MuxerOutput& output)
 
 void Muxer::run()
 {
-    MuxerOutput& out = *state;
-    if (!out.valid)
-        return;
     setPriority(QThread::TimeCriticalPriority);
+    MuxerOutput& out = *state;
     try {
         // Tick n is due at start + n ticks. Ticks lost wholly to a late one
         // are not made up, but the video clock counts them: the picture
@@ -282,8 +282,10 @@ void Muxer::run()
                 const auto lost = (now - deadline) / tick;
                 deadline += lost * tick;
                 // Before the first picture there is no track to keep in time.
-                if (out.videoFrameCount > 0)
+                if (out.videoFrameCount > 0) {
                     out.videoFrameCount += uint64_t(lost);
+                    out.lostTicks += uint64_t(lost);
+                }
             } else {
                 std::this_thread::sleep_until(deadline);
             }

@@ -24,7 +24,7 @@ class Muxer : PartThread, public Target
     Q_OBJECT
 
 public:
-    Muxer(const QSize& size, const std::optional<AudioFormat>& format, QIODevice* device,
+    Muxer(const QSize& size, const std::optional<AudioFormat>& format, QIODevice* output,
           Pipeline* pipeline);
     ~Muxer() override;
 

@@ -81,8 +81,10 @@ struct MuxerOutput
     uint64_t videoFrameCount = 0;   // video clock, in frames; Muxer thread only
     uint64_t audioSampleCount = 0;  // audio clock, in samples; Muxer thread only
     Timeline timeline;              // Muxer thread only
-    // Frames the video encoder has taken, published for recordedTime.
-    std::atomic<int64_t> encodedFrames{0};
+    uint64_t lostTicks = 0;         // ticks the picture before covers; Muxer thread only
+    // Frames the video encoder has taken and the lost ticks between them:
+    // the picture's length, published for recordedTime.
+    std::atomic<int64_t> pictureFrames{0};
 
     AudioQueue audioQueue;          // mutex
     QImage image;                   // mutex; the newest image

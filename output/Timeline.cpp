@@ -16,6 +16,8 @@ extern "C" {
 
 namespace orvane {
 
+using namespace std::chrono_literals;
+
 namespace {
 
 // The grabber catches up on the time since it was opened with a burst of
@@ -33,7 +35,7 @@ constexpr uint64_t measureTicks = 25;
 // picture then shows what was captured that much later or earlier. A start
 // that two looks in a row find this far off moves, and the sound with it.
 constexpr size_t lookImages = 50;
-constexpr int64_t moveAtLeast = 20000;
+constexpr std::chrono::microseconds moveAtLeast = 20ms;
 
 } // namespace
 
@@ -81,8 +83,8 @@ void noteImage(MuxerOutput& output, CaptureTime captured, std::chrono::microseco
             return;
         const CaptureTime look = median(timeline.starts);
         timeline.starts.clear();
-        if (std::abs(look - timeline.start) >= moveAtLeast && timeline.lastLook != noCaptureTime
-            && std::abs(look - timeline.lastLook) < moveAtLeast)
+        if (std::abs(look - timeline.start) >= moveAtLeast.count() && timeline.lastLook != noCaptureTime
+            && std::abs(look - timeline.lastLook) < moveAtLeast.count())
             timeline.start = look;
         timeline.lastLook = look;
         return;

@@ -66,7 +66,8 @@ void encodeVideoStep(MuxerOutput& output)
                                         std::chrono::steady_clock::now() - arrived));
     encodeFrame(output.formatContext, output.videoContext, output.videoStream, output.videoFrame,
                 output.videoPacket);
-    output.encodedFrames.store(frameNumber(output.videoContext), std::memory_order_relaxed);
+    output.pictureFrames.store(frameNumber(output.videoContext) + int64_t(output.lostTicks),
+                               std::memory_order_relaxed);
 }
 
 } // namespace orvane

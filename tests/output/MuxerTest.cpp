@@ -188,7 +188,7 @@ private slots:
         QCOMPARE(compareClocks(output), jump);
         QCOMPARE(output.videoFrameCount, frames + (jump ? 10 : 0));
         // Recorded time counts whole frames: in floating point 803 read 1 ms short.
-        output.encodedFrames = 803;
+        output.pictureFrames = 803;
         QCOMPARE(recordedTime(output), 32120ms);
     }
 
