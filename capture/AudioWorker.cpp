@@ -142,6 +142,18 @@ void AudioWorker::run()
                                pushAudio(samples, count, captured);
                            });
     try {
+        // Made once: the loop runs for every packet.
+        const std::function<bool(const AVFrame&)> take = [&](const AVFrame& frame) {
+            int lineSize = 0;
+            if (av_samples_get_buffer_size(&lineSize, frame.ch_layout.nb_channels, frame.nb_samples,
+                                           AVSampleFormat(frame.format), 1) < 0) {
+                qCWarning(lcScreenReel) << "unable to get audio buffer size";
+                return false;
+            }
+            gathered.add(frame.extended_data, lineSize, frame.nb_samples,
+                         captureTime(in.formatContext, in.streamIndex, &frame, timed));
+            return true;
+        };
         while (!isInterruptionRequested()) {
             int result = av_read_frame(in.formatContext, in.packet);
             if (in.watch->gone()) {
@@ -161,17 +173,7 @@ void AudioWorker::run()
                 abort();
                 return;
             }
-            decodePacket(in.codecContext, in.streamIndex, in.packet, in.frame, decodeLog, [&](const AVFrame& frame) {
-                int lineSize = 0;
-                if (av_samples_get_buffer_size(&lineSize, frame.ch_layout.nb_channels, frame.nb_samples,
-                                               AVSampleFormat(frame.format), 1) < 0) {
-                    qCWarning(lcScreenReel) << "unable to get audio buffer size";
-                    return false;
-                }
-                gathered.add(frame.extended_data, lineSize, frame.nb_samples,
-                             captureTime(in.formatContext, in.streamIndex, &frame, timed));
-                return true;
-            });
+            decodePacket(in.codecContext, in.streamIndex, in.packet, in.frame, decodeLog, take);
         }
         // What was gathered when the stop came is the end of the sound.
         gathered.flush();

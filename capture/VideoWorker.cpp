@@ -287,6 +287,16 @@ void VideoWorker::run()
     const bool timed = platform::screenTimesOnSystemClock();
     try {
         FrameFitter fitter(in.region, FrameFitter::placement(in.device.geometry, in.region, in.grabbed));
+        // Made once: the loop runs for every packet.
+        const std::function<bool(const AVFrame&)> take = [&](const AVFrame& frame) {
+            const QImage out = fitter.fit(frame);
+            if (out.isNull()) {
+                qCWarning(lcScreenReel) << "Unable to create frame";
+                return false;
+            }
+            pushImage(out, captureTime(in.formatContext, in.streamIndex, &frame, timed));
+            return true;
+        };
         while (!isInterruptionRequested()) {
             int result = av_read_frame(in.formatContext, in.packet);
             if (result == AVERROR(EAGAIN))
@@ -295,15 +305,7 @@ void VideoWorker::run()
                 qCWarning(lcScreenReel) << "Error reading frame" << result;
                 break;
             }
-            decodePacket(in.codecContext, in.streamIndex, in.packet, in.frame, decodeLog, [&](const AVFrame& frame) {
-                const QImage out = fitter.fit(frame);
-                if (out.isNull()) {
-                    qCWarning(lcScreenReel) << "Unable to create frame";
-                    return false;
-                }
-                pushImage(out, captureTime(in.formatContext, in.streamIndex, &frame, timed));
-                return true;
-            });
+            decodePacket(in.codecContext, in.streamIndex, in.packet, in.frame, decodeLog, take);
         }
     } catch (const std::exception& e) {
         qCWarning(lcScreenReel) << "ScreenReel error: " << e.what();
