@@ -7,8 +7,9 @@
 # The command line starts each of its inputs at time zero on its own, so its
 # offset holds the time between opening the sound and the screen input, which
 # varies from run to run by hundreds of milliseconds. Its second recording
-# keeps the devices' own capture times (-copyts): that one shows where sound
-# and picture really lie, and ours is held against it.
+# keeps the devices' own capture times (-copyts, every frame's to the
+# millisecond): that one shows where sound and picture really lie, and ours
+# is held against it.
 #
 #   bench/sync-bench.sh [SECONDS] [--load N] [--runs K] [--suspend AT:FOR] [--out DIR]
 #
@@ -83,9 +84,13 @@ record() {
     local cli=$!
     # Capture times stay as they are: MP4 cannot hold them, Matroska can. -t
     # would count from the epoch here; it is stopped from outside instead.
+    # Left to its frame-rate sync, the command line moves every frame onto a
+    # 40 ms grid of its own, and its picture then lay 27 to 49 ms later than
+    # the frames' capture times in four runs: passthrough keeps them.
     timed "$dir/clock.time" timeout --foreground -s INT -k 10 "$seconds" \
         ffmpeg -nostdin -y -loglevel error -copyts -f pulse -i reel.monitor \
         -f x11grab -framerate 25 -video_size 1920x1080 -i "$DISPLAY" \
+        -fps_mode passthrough -enc_time_base:v -1 \
         -c:v libx264 -preset ultrafast -pix_fmt yuv420p -c:a aac \
         "$dir/clock.mkv" >"$dir/clock.log" 2>&1 &
     local clock=$!
