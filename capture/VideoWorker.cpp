@@ -86,9 +86,10 @@ private:
 
     const QRect region;
     const QRect place;
-    // Enough for the one being written, the newest at the encoder, the one
-    // it converts and the one the preview shows.
-    std::array<QImage, 4> buffers;
+    // Enough for the one being written, the newest (the encoder's and the
+    // preview's) and an older one the encoder still converts or a paint
+    // still scales. Only when both read older ones at once is another made.
+    std::array<QImage, 3> buffers;
     size_t next = 0;
 };
 
