@@ -4,22 +4,18 @@
 
 namespace orvane::test {
 
-// A Source without a thread that only reports a picture size and a format.
+// A Source without a thread that only reports a picture size.
 class FakeSource : public Source
 {
 public:
-    explicit FakeSource(Pipeline* pipeline, const QSize& size = {}, const AudioFormat& format = {})
-        : Source(pipeline), size(size), format(format)
-    {
-    }
+    explicit FakeSource(Pipeline* pipeline, const QSize& size = {}) : Source(pipeline), size(size) {}
 
     bool start() override { return true; }
     void stop() override {}
-    AudioFormat audioFormat() override { return format; }
+    AudioFormat audioFormat() override { return {}; }
     QSize videoSize() override { return size; }
 
     const QSize size;
-    const AudioFormat format;
 };
 
 } // namespace orvane::test

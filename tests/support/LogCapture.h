@@ -9,15 +9,15 @@ namespace orvane::test {
 
 // Takes the warnings of every thread while it lives, instead of printing
 // them (QTest::ignoreMessage does not see them), and drops the other lines.
-// Of nested captures, the innermost takes the lines.
+// One at a time.
 class LogCapture
 {
 public:
-    LogCapture() : outer(current.exchange(this)), previous(qInstallMessageHandler(&handle)) {}
+    LogCapture() : previous(qInstallMessageHandler(&handle)) { current = this; }
     ~LogCapture()
     {
         qInstallMessageHandler(previous);
-        current = outer;
+        current = nullptr;
     }
 
     QStringList warnings() const
@@ -38,7 +38,6 @@ private:
     }
 
     static inline std::atomic<LogCapture*> current{nullptr};
-    LogCapture* const outer;
     const QtMessageHandler previous;
     mutable QMutex mutex;
     QStringList captured;

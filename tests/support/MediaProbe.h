@@ -37,7 +37,6 @@ public:
 
     QString error;  // what ffprobe complained of; empty for a whole, sound file
     QVector<ProbedStream> streams;
-    double duration = 0;  // seconds, as the container tells it
 
 private:
     QString path;
@@ -48,6 +47,10 @@ private:
 // a clean tone of `hz` (a hundred times the power of nearby frequencies),
 // else what is wrong.
 QString checkTone(const QVector<float>& samples, int channels, int rate, double hz);
+
+// A colour's letter by which of red, green and blue are above half:
+// blacK, Blue, Green, Cyan, Red, Magenta, Yellow, White.
+QChar colourLetter(const QColor& colour);
 
 // What the sound server's command line printed, trimmed.
 QString pactl(const QStringList& arguments);
