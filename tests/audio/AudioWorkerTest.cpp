@@ -5,8 +5,7 @@
 #include "capture/Platform.h"
 #include "capture/SoundGatherer.h"
 #include "pipeline/Pipeline.h"
-#include "support/FakeSource.h"
-#include "support/LogCapture.h"
+#include "support/Fakes.h"
 #include "support/MediaProbe.h"
 
 #include <QtTest>
@@ -46,13 +45,12 @@ public:
     CaptureTime due = 0;  // the audio thread's
 };
 
-// A sound device recorded beside a silent video part.
+// The tone's source recorded beside a silent video part.
 struct Recording
 {
-    explicit Recording(const QString& device)
+    Recording()
     {
-        pipeline->audio = std::make_unique<AudioWorker>(plugin::interface::AudioDevice{"0", device, true},
-                                                        pipeline.get());
+        pipeline->audio = std::make_unique<AudioWorker>(plugin::interface::AudioDevice{"0", "reel.monitor", true}, pipeline.get());
         pipeline->video = std::make_unique<FakeSource>(pipeline.get());
         pipeline->target.reset(target = new ChunkTarget(pipeline.get()));
         QObject::connect(pipeline.get(), &Pipeline::stopedChanged, [this] { ++stopped; });
@@ -98,7 +96,7 @@ private slots:
             pactl({"unload-module", module});
             pactl({"suspend-sink", "reel", "0"});
         });
-        Recording r("reel.monitor");
+        Recording r;
         LogCapture log;
         QVERIFY((r.pipeline->audio->audioFormat() == AudioFormat{AV_SAMPLE_FMT_S16, 48000, 2, 3}));  // left, right
         QVERIFY(r.pipeline->start());
@@ -115,7 +113,7 @@ private slots:
             r.pipeline->audio->stop();
             QVERIFY(!r.running());
             QVERIFY(!log.warned("Error reading frame"));
-            Recording again("reel.monitor");
+            Recording again;
             QVERIFY(again.pipeline->audio->audioFormat() == AudioFormat{});
             QVERIFY(!again.pipeline->start());
         } else if (how == "moved") {

@@ -54,11 +54,8 @@ public:
     }
     QImage latest;  // the video thread's until it has ended
     std::atomic<int> count{0};
-    int rewritten = 0;
-    int mistimed = 0;
+    int rewritten = 0, mistimed = 0;
 };
-
-const char* const fallback = "Falling back to gdigrab because d3d11va is not available...";
 
 } // namespace
 
@@ -151,7 +148,7 @@ private slots:
             screen.geometry = region;
             QTest::ignoreMessage(QtWarningMsg, "unable to open device [ \"Quadrants\" ]");
         }
-        QTest::ignoreMessage(QtDebugMsg, fallback);
+        QTest::ignoreMessage(QtDebugMsg, "Falling back to gdigrab because d3d11va is not available...");
         Pipeline pipeline(nullptr, nullptr);
         pipeline.video = std::make_unique<VideoWorker>(screen, region, &pipeline);
         auto* target = new Keeper(&pipeline);

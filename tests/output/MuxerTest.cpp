@@ -1,10 +1,8 @@
 #include "output/Muxer.h"
 #include "output/MuxerOutput.h"
 #include "pipeline/Pipeline.h"
-#include "support/FakeSource.h"
-#include "support/LogCapture.h"
+#include "support/Fakes.h"
 #include "support/MediaProbe.h"
-#include "support/TestDevices.h"
 
 #include <QtTest>
 

@@ -1,6 +1,6 @@
 #include "pipeline/PartThread.h"
 #include "pipeline/Pipeline.h"
-#include "support/LogCapture.h"
+#include "support/Fakes.h"
 
 #include <QtTest>
 

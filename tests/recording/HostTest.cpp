@@ -51,8 +51,7 @@ private slots:
     {
         for (QProcess* process : {&card, &xorg}) {
             process->terminate();
-            if (!process->waitForFinished(15000))
-                process->kill();
+            process->waitForFinished(15000);  // else its destructor kills it
         }
     }
 

@@ -3,7 +3,7 @@
 
 #include "interface/OpaqueUI.h"
 #include "interface/ScreenReel.h"
-#include "support/LogCapture.h"
+#include "support/Fakes.h"
 #include "support/MediaProbe.h"
 
 #include <QtTest>
@@ -56,9 +56,12 @@ class RecordingTest : public QObject
         const bool early = started ? workerThreads() > 0 : reel->recordedTime().count() != 0;
         states << (started ? "Started@" : "Stopped@") + phase + (early ? "!" : "");
     }
-    bool start(QIODevice* output, const QRect& region, std::optional<AudioDevice> audio = {},
+    // Into a buffer opened for writing, as a host hands it over, unless it is open already.
+    bool start(QBuffer* output, const QRect& region, std::optional<AudioDevice> audio = {},
                std::optional<VideoDevice> video = {})
     {
+        if (!output->isOpen())
+            output->open(QIODevice::WriteOnly);
         phase = "start";
         const bool started = reel->start(video.value_or(screen), region, audio, output);
         phase = "loop";
@@ -72,7 +75,7 @@ class RecordingTest : public QObject
         phase = "loop";
     }
 
-    QPluginLoader loader;
+    QPluginLoader loader{qEnvironmentVariable("SCREENREEL_PLUGIN")};
     ScreenReel* reel = nullptr;
     OpaqueUI* ui = nullptr;
     QWidget window;
@@ -84,7 +87,6 @@ class RecordingTest : public QObject
 private slots:
     void initTestCase()
     {
-        loader.setFileName(qEnvironmentVariable("SCREENREEL_PLUGIN"));
         reel = qobject_cast<ScreenReel*>(loader.instance());
         ui = qobject_cast<OpaqueUI*>(loader.instance());
         QVERIFY2(reel && ui, qPrintable(loader.errorString()));
@@ -131,8 +133,6 @@ private slots:
         QFETCH(QString, says);
         QFETCH(QString, expected);
         QBuffer running, output, next;
-        running.open(QIODevice::WriteOnly);
-        next.open(QIODevice::WriteOnly);
         output.open(twist == "read-only" ? QIODevice::ReadOnly : QIODevice::WriteOnly);
         const auto guard = qScopeGuard([this] { stop(); });  // before the outputs go
         if (twist == "while recording")
@@ -170,8 +170,6 @@ private slots:
         QFETCH(bool, display);
         QFETCH(bool, startAgain);
         QBuffer output, next;
-        output.open(QIODevice::WriteOnly);
-        next.open(QIODevice::WriteOnly);
         QProcess xvfb;
         const QByteArray harnessDisplay = qgetenv("DISPLAY");
         if (display) {
@@ -241,7 +239,6 @@ private slots:
             if (preview)
                 ui->createView(new QVBoxLayout(host.get()), true);
             QBuffer output;
-            output.open(QIODevice::WriteOnly);
             const auto guard = qScopeGuard([this] { stop(); });
             init();
             QVERIFY2(start(&output, region, sound ? std::optional(gone ? goneSource : tone) : std::nullopt, record),

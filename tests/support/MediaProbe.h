@@ -9,9 +9,7 @@ namespace orvane::test {
 
 struct ProbedStream
 {
-    QString type;         // "video", "audio"
-    QString codec;        // "h264", "aac"
-    QString pixelFormat;  // "yuv420p"
+    QString type, codec, pixelFormat;  // "video", "h264", "yuv420p"; "audio", "aac", ""
     int width = 0, height = 0;         // video
     int sampleRate = 0, channels = 0;  // audio
     double timeBase = 0;  // seconds per unit
