@@ -1,6 +1,6 @@
 #include "pipeline/PartThread.h"
 #include "pipeline/Pipeline.h"
-#include "support/LogCapture.h"
+#include "support/Fakes.h"
 
 #include <QtTest>
 
@@ -71,28 +71,6 @@ private:
     Script& script;
 };
 
-// A pipeline of parts, and a receiver on the GUI thread that journals its
-// signals and deletes it when it stops, as the plug-in does.
-struct Rig
-{
-    Rig() : pipeline(new Pipeline(nullptr, nullptr))
-    {
-        pipeline->audio = std::make_unique<Part>("audio", script, pipeline);
-        pipeline->video = std::make_unique<Part>("video", script, pipeline);
-        pipeline->target = std::make_unique<Part>("target", script, pipeline);
-        QObject::connect(pipeline, &Pipeline::startedChanged, &receiver, [this] { script.add("started"); });
-        QObject::connect(pipeline, &Pipeline::stopedChanged, &receiver, [this] {
-            script.add(QThread::currentThread() == receiver.thread() ? "stopped" : "stopped off the GUI thread");
-            delete std::exchange(pipeline, nullptr);
-        });
-    }
-    ~Rig() { delete std::exchange(pipeline, nullptr); }
-
-    Script script;
-    QObject receiver;
-    Pipeline* pipeline;
-};
-
 const QString allStop = "video.stop audio.stop target.stop stopped";
 
 } // namespace
@@ -129,26 +107,39 @@ private slots:
         QFETCH(QStringList, giving);
         QFETCH(QString, journal);
         LogCapture log;  // Qt's complaint of a thread waiting for itself, among others
-        Rig r;
+        Script script;
         const bool hostStops = giving.removeAll("host");
-        r.script.refusing << refuses;
-        r.script.giving = giving;
-        r.script.targetEndsMs = hostStops ? 300 : 0;  // the target takes its time to end
-        QPointer<Pipeline> watch(r.pipeline);
-        QCOMPARE(r.pipeline->start(), refuses.isEmpty());
-        r.script.go = true;
+        script.refusing << refuses;
+        script.giving = giving;
+        script.targetEndsMs = hostStops ? 300 : 0;  // the target takes its time to end
+        // A receiver on the GUI thread journals the signals and deletes the
+        // pipeline when it stops, as the plug-in does.
+        QObject receiver;
+        auto* pipeline = new Pipeline(nullptr, nullptr);
+        const QPointer<Pipeline> watch(pipeline);
+        const auto deleted = qScopeGuard([&] { delete std::exchange(pipeline, nullptr); });
+        pipeline->audio = std::make_unique<Part>("audio", script, pipeline);
+        pipeline->video = std::make_unique<Part>("video", script, pipeline);
+        pipeline->target = std::make_unique<Part>("target", script, pipeline);
+        connect(pipeline, &Pipeline::startedChanged, &receiver, [&] { script.add("started"); });
+        connect(pipeline, &Pipeline::stopedChanged, &receiver, [&] {
+            script.add(QThread::currentThread() == receiver.thread() ? "stopped" : "stopped off the GUI thread");
+            delete std::exchange(pipeline, nullptr);
+        });
+        QCOMPARE(pipeline->start(), refuses.isEmpty());
+        script.go = true;
         if (hostStops)
-            QTRY_VERIFY_WITH_TIMEOUT(r.script.arrived > 0, 20000);
+            QTRY_VERIFY_WITH_TIMEOUT(script.arrived > 0, 20000);
         if (watch && (giving.isEmpty() || hostStops))
-            r.pipeline->stop();
+            pipeline->stop();
         // Deleted by the receiver once all has ended; a deadlock leaves it (and
         // the test hanging in its destructor).
         QTRY_VERIFY_WITH_TIMEOUT(watch.isNull(), 20000);
         QCoreApplication::sendPostedEvents();
         // An abort reaches the GUI thread queued, one for all that gave up.
-        QCOMPARE(r.script.journal.count("stopped"), hostStops ? 3 : 2);
+        QCOMPARE(script.journal.count("stopped"), hostStops ? 3 : 2);
         if (!journal.isEmpty())
-            QCOMPARE(r.script.journal.join(' '), journal);  // all threads ended
+            QCOMPARE(script.journal.join(' '), journal);  // all threads ended
         QVERIFY2(log.warnings().isEmpty(), qPrintable(log.warnings().join('\n')));
     }
 };

@@ -58,10 +58,9 @@ private slots:
         // The 5 s poll runs once the host has listed, and sees a new input.
         Plugin plugin;
         QSignalSpy changed(&plugin, &ScreenReel::deviceChanged);
-        const auto inputs = plugin.audioDevices();
         // The sound server's inputs alone, its default first; not the ALSA names beside them.
         QStringList names, sources;
-        for (const auto& d : inputs)
+        for (const auto& d : plugin.audioDevices())
             names << d.name;
         for (const QString& line : pactl({"list", "short", "sources"}).split('\n', Qt::SkipEmptyParts))
             sources << line.section('\t', 1, 1);

@@ -5,8 +5,6 @@
 
 #include <QtTest>
 
-#include <unistd.h>
-
 using namespace orvane::test;
 
 class HostTest : public QObject
@@ -20,15 +18,11 @@ class HostTest : public QObject
     }
 
     // An X server of our own with two 1280x720 heads side by side, showing the
-    // test card; false, with the reason, where Xorg cannot start.
+    // test card; false, with the reason, where Xorg cannot start (it needs root).
     bool startTwoScreens(QString* why)
     {
         if (xorg.state() == QProcess::Running)
             return true;
-        if (::geteuid() != 0) {
-            *why = "Xorg with the dummy driver runs as root only";
-            return false;
-        }
         // -displayfd: it takes a free display and names it on its output.
         xorg.start("Xorg", {"-config", SCREENREEL_TWO_SCREENS_CONF, "-noreset", "-nolisten", "tcp", "-novtswitch",
                             "-sharevts", "-logfile", dir.filePath("xorg.log"), "-displayfd", "1"});
@@ -57,8 +51,7 @@ private slots:
     {
         for (QProcess* process : {&card, &xorg}) {
             process->terminate();
-            if (!process->waitForFinished(15000))
-                process->kill();
+            process->waitForFinished(15000);  // else its destructor kills it
         }
     }
 
@@ -158,9 +151,9 @@ private slots:
     void twoScreens_data()
     {
         QTest::addColumn<QStringList>("arguments");
-        QTest::addColumn<QString>("colours");  // of the left half and the right half
-        QTest::newRow("the second head") << QStringList{"--screen", "1"} << "blue green";
-        QTest::newRow("a region of it") << QStringList{"--screen", "1", "--region", "320x240+700+200"} << "green green";
+        QTest::addColumn<QString>("colours");  // of the left half and the right half, as colourLetter names them
+        QTest::newRow("the second head") << QStringList{"--screen", "1"} << "BG";
+        QTest::newRow("a region of it") << QStringList{"--screen", "1", "--region", "320x240+700+200"} << "GG";
     }
 
     // Screen 0 shows red and yellow, screen 1 blue and green, by halves.
@@ -171,24 +164,17 @@ private slots:
         QString why;
         if (!startTwoScreens(&why))
             QSKIP(qPrintable(why));
-        QProcess host, decoder;
+        QProcess host;
         host.setProcessEnvironment(twoHeads);
         host.setProcessChannelMode(QProcess::MergedChannels);
         const QString file = dir.filePath("screen1.mp4");
         run(host, arguments << "--no-preview" << "--audio" << "none" << "--seconds" << "1" << "-o" << file);
         QVERIFY(host.waitForFinished(120000));
         QVERIFY2(host.exitCode() == 0, host.readAll().constData());
-        // The first picture's halves, each averaged to one pixel.
-        decoder.start("ffmpeg", {"-v", "error", "-i", file, "-frames:v", "1", "-vf", "format=rgb24,scale=2:1:flags=area",
-                                 "-f", "rawvideo", "-pix_fmt", "rgb24", "-"});
-        QVERIFY(decoder.waitForFinished(60000));
-        const QByteArray rgb = decoder.readAllStandardOutput();
-        QStringList seen;
-        for (int i = 0; i + 2 < rgb.size(); i += 3) {
-            const int bits = (uchar(rgb[i]) > 128) * 4 + (uchar(rgb[i + 1]) > 128) * 2 + (uchar(rgb[i + 2]) > 128);
-            seen << QStringList{"black", "blue", "green", "cyan", "red", "magenta", "yellow", "white"}.at(bits);
-        }
-        QCOMPARE(seen.join(' '), colours);
+        // The middle of each half of the first picture.
+        const QImage first = MediaProbe::fromFile(file).decodeVideo().value(0);
+        const auto at = [&first](int quarter) { return colourLetter(first.pixelColor(first.width() * quarter / 4, first.height() / 2)); };
+        QCOMPARE(QString(at(1)) + at(3), colours);
     }
 };
 

@@ -1,9 +1,6 @@
 #include "MediaProbe.h"
 
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QProcess>
+#include <QtCore>
 
 #include <algorithm>
 #include <cmath>
@@ -35,8 +32,7 @@ MediaProbe MediaProbe::fromFile(const QString& path)
     MediaProbe probe;
     probe.path = path;
     const QJsonObject json = QJsonDocument::fromJson(
-        run("ffprobe", {"-v", "error", "-of", "json", "-show_format", "-show_streams", "-show_packets", path}, &probe.error)).object();
-    probe.duration = json["format"]["duration"].toString().toDouble();
+        run("ffprobe", {"-v", "error", "-of", "json", "-show_streams", "-show_packets", path}, &probe.error)).object();
     for (const QJsonValue s : json["streams"].toArray()) {
         const QStringList base = s["time_base"].toString().split('/');
         probe.streams.append({s["codec_type"].toString(), s["codec_name"].toString(), s["pix_fmt"].toString(),
@@ -86,6 +82,11 @@ QVector<float> MediaProbe::decodeAudio() const
     QVector<float> samples(raw.size() / 4);
     std::memcpy(samples.data(), raw.constData(), size_t(samples.size()) * 4);
     return samples;
+}
+
+QChar colourLetter(const QColor& c)
+{
+    return QLatin1Char("KBGCRMYW"[(c.red() > 128) * 4 + (c.green() > 128) * 2 + (c.blue() > 128)]);
 }
 
 QString pactl(const QStringList& arguments)

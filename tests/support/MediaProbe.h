@@ -9,9 +9,7 @@ namespace orvane::test {
 
 struct ProbedStream
 {
-    QString type;         // "video", "audio"
-    QString codec;        // "h264", "aac"
-    QString pixelFormat;  // "yuv420p"
+    QString type, codec, pixelFormat;  // "video", "h264", "yuv420p"; "audio", "aac", ""
     int width = 0, height = 0;         // video
     int sampleRate = 0, channels = 0;  // audio
     double timeBase = 0;  // seconds per unit
@@ -37,7 +35,6 @@ public:
 
     QString error;  // what ffprobe complained of; empty for a whole, sound file
     QVector<ProbedStream> streams;
-    double duration = 0;  // seconds, as the container tells it
 
 private:
     QString path;
@@ -48,6 +45,10 @@ private:
 // a clean tone of `hz` (a hundred times the power of nearby frequencies),
 // else what is wrong.
 QString checkTone(const QVector<float>& samples, int channels, int rate, double hz);
+
+// A colour's letter by which of red, green and blue are above half:
+// blacK, Blue, Green, Cyan, Red, Magenta, Yellow, White.
+QChar colourLetter(const QColor& colour);
 
 // What the sound server's command line printed, trimmed.
 QString pactl(const QStringList& arguments);

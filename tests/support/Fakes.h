@@ -1,0 +1,86 @@
+#pragma once
+
+#include "pipeline/Source.h"
+
+#include <QBuffer>
+#include <QMutex>
+#include <QStringList>
+
+#include <atomic>
+
+namespace orvane::test {
+
+// A Source without a thread that only reports a picture size.
+class FakeSource : public Source
+{
+public:
+    explicit FakeSource(Pipeline* pipeline, const QSize& size = {}) : Source(pipeline), size(size) {}
+
+    bool start() override { return true; }
+    void stop() override {}
+    AudioFormat audioFormat() override { return {}; }
+    QSize videoSize() override { return size; }
+
+    const QSize size;
+};
+
+// A seekable device in memory that refuses every write past `limit` bytes,
+// as a full disk does.
+class RefusingDevice : public QBuffer
+{
+public:
+    explicit RefusingDevice(qint64 limit) : limit(limit) {}
+
+    const qint64 limit;
+    int refusals = 0;
+
+    // Past the end too, as a file allows, and without QBuffer's complaint.
+    bool seek(qint64 to) override { return QIODevice::seek(to); }
+
+protected:
+    qint64 writeData(const char* data, qint64 size) override
+    {
+        if (pos() + size <= limit)
+            return QBuffer::writeData(data, size);
+        ++refusals;
+        return -1;
+    }
+};
+
+// Takes the warnings of every thread while it lives, instead of printing
+// them (QTest::ignoreMessage does not see them), and drops the other lines.
+// One at a time.
+class LogCapture
+{
+public:
+    LogCapture() : previous(qInstallMessageHandler(&handle)) { current = this; }
+    ~LogCapture()
+    {
+        qInstallMessageHandler(previous);
+        current = nullptr;
+    }
+
+    QStringList warnings() const
+    {
+        QMutexLocker lock(&mutex);
+        return captured;
+    }
+    bool warned(const QString& text) const { return warnings().join('\n').contains(text); }
+
+private:
+    static void handle(QtMsgType type, const QMessageLogContext&, const QString& text)
+    {
+        LogCapture* self = current;
+        if (self && type == QtWarningMsg) {
+            QMutexLocker lock(&self->mutex);
+            self->captured << text;
+        }
+    }
+
+    static inline std::atomic<LogCapture*> current{nullptr};
+    const QtMessageHandler previous;
+    mutable QMutex mutex;
+    QStringList captured;
+};
+
+} // namespace orvane::test
