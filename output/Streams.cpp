@@ -94,7 +94,7 @@ bool openStream(MuxerOutput& output, Track track)
             av_opt_set(context->priv_data, "preset", "ultrafast", 0);
         // The encoder's threads share the slices of one frame rather than
         // each holding frames of its own in flight: at 1920x1080 that keeps
-        // some 25 MiB less, and each frame's packet comes out with it.
+        // some 20 MiB less, and each frame's packet comes out with it.
         // Encoders without the option ignore it.
         av_opt_set(context->priv_data, "x264-params", "sliced-threads=1", 0);
     } else {
