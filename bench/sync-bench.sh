@@ -85,7 +85,7 @@ record() {
     # Capture times stay as they are: MP4 cannot hold them, Matroska can. -t
     # would count from the epoch here; it is stopped from outside instead.
     # Left to its frame-rate sync, the command line moves every frame onto a
-    # 40 ms grid of its own, and its picture then lay 27 to 49 ms later than
+    # 40 ms grid of its own, and its picture then lay 25 to 49 ms later than
     # the frames' capture times in four runs: passthrough keeps them.
     timed "$dir/clock.time" timeout --foreground -s INT -k 10 "$seconds" \
         ffmpeg -nostdin -y -loglevel error -copyts -f pulse -i reel.monitor \
