@@ -26,10 +26,14 @@ void initialisePipeWire()
 bool layoutOf(spa_video_format format, PixelLayout* layout)
 {
     switch (format) {
-    case SPA_VIDEO_FORMAT_BGRx: *layout = PixelLayout::Bgrx; return true;
-    case SPA_VIDEO_FORMAT_BGRA: *layout = PixelLayout::Bgra; return true;
-    case SPA_VIDEO_FORMAT_RGBx: *layout = PixelLayout::Rgbx; return true;
-    case SPA_VIDEO_FORMAT_RGBA: *layout = PixelLayout::Rgba; return true;
+    case SPA_VIDEO_FORMAT_BGRx:
+    case SPA_VIDEO_FORMAT_BGRA:
+        *layout = PixelLayout::bgrx;
+        return true;
+    case SPA_VIDEO_FORMAT_RGBx:
+    case SPA_VIDEO_FORMAT_RGBA:
+        *layout = PixelLayout::rgbx;
+        return true;
     default: return false;
     }
 }
@@ -66,7 +70,7 @@ struct PipeWireStream::State
     uint32_t node = 0;
     FrameHandler handler;
     bool formatKnown = false;
-    PixelLayout layout = PixelLayout::Bgrx;
+    PixelLayout layout = PixelLayout::bgrx;
     QSize size;
     bool framed = false;  // a picture has been handled
     QString endReason;
@@ -182,14 +186,15 @@ void PipeWireStream::State::onProcess(void* data)
     const bool corrupted = header && (header->flags & SPA_META_HEADER_FLAG_CORRUPTED);
     if (self->formatKnown && !corrupted && buffer->n_datas > 0 && plane.data && plane.chunk->size > 0) {
         BorrowedFrame frame;
-        frame.size = self->size;
-        frame.stride = plane.chunk->stride > 0 ? plane.chunk->stride : self->size.width() * 4;
-        frame.layout = self->layout;
+        Picture& picture = frame.picture;
+        picture.size = self->size;
+        picture.stride = plane.chunk->stride > 0 ? plane.chunk->stride : self->size.width() * 4;
+        picture.layout = self->layout;
         frame.ptsNs = header ? header->pts : 0;
         const uint32_t offset = plane.chunk->offset % plane.maxsize;
-        const int64_t needed = int64_t(frame.stride) * (frame.size.height() - 1) + frame.size.width() * 4;
+        const int64_t needed = int64_t(picture.stride) * (picture.size.height() - 1) + picture.size.width() * 4;
         if (int64_t(offset) + needed <= int64_t(plane.maxsize)) {
-            frame.data = static_cast<const uint8_t*>(plane.data) + offset;
+            picture.data = static_cast<const uint8_t*>(plane.data) + offset;
             self->handler(frame);
             self->framed = true;
         }

@@ -1,6 +1,7 @@
 #pragma once
 
-#include <QSize>
+#include "FrameFitter.h"
+
 #include <QString>
 
 #include <chrono>
@@ -10,16 +11,10 @@
 
 namespace orvane {
 
-// The byte order of a 32-bit pixel in memory.
-enum class PixelLayout { Bgrx, Bgra, Rgbx, Rgba };
-
 // One picture as the stream delivers it, borrowed for the call only.
 struct BorrowedFrame
 {
-    const uint8_t* data = nullptr;
-    int stride = 0;
-    QSize size;
-    PixelLayout layout = PixelLayout::Bgrx;
+    Picture picture;    // alpha, where there is one, is left as padding
     int64_t ptsNs = 0;  // CLOCK_MONOTONIC; 0 when the buffer carries no header
 };
 

@@ -1,5 +1,6 @@
 #include "PortalVideoWorker.h"
 
+#include "FrameFitter.h"
 #include "PipeWireStream.h"
 #include "ScreenCastPortal.h"
 #include "pipeline/Logging.h"
@@ -7,12 +8,8 @@
 
 #include <QImage>
 
-#include <array>
-#include <atomic>
 #include <ctime>
 #include <exception>
-
-#include <libyuv/convert_from_argb.h>
 
 // Threads: the GUI thread asks the portal and waits for the stream's first
 // picture in the constructor, iterating the stream's loop itself; from
@@ -42,88 +39,12 @@ int64_t clockNow(clockid_t clock)
     return int64_t(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
 }
 
-// Converts rows of a stream's layout into BGR24, with libyuv's signature.
-// libyuv names a format by its little-endian word: its ARGB is BGRx or BGRA
-// in memory, so the byte-swapping ARGBToRAW turns RGBx into BGR24.
-using RowConverter = int (*)(const uint8_t*, int, uint8_t*, int, int, int);
-
-RowConverter rowConverter(PixelLayout layout)
+// As the screen grabber does, a region of the screen's size is the whole
+// screen, wherever it says it lies.
+QRect regionOfPicture(const QSize& screen, const QRect& region)
 {
-    return layout == PixelLayout::Bgrx || layout == PixelLayout::Bgra ? libyuv::ARGBToRGB24 : libyuv::ARGBToRAW;
+    return region.size() == screen ? QRect(QPoint(), screen) : region;
 }
-
-// Cuts the region out of each picture of the screen into an image of the
-// region's size, parts off the screen black: as the screen grabber does, a
-// region of the screen's size is the whole screen wherever it lies. Images
-// handed on are never written again: a picture goes into a buffer that no
-// consumer holds any longer.
-class RegionFitter
-{
-public:
-    RegionFitter(const QSize& screen, const QRect& region)
-        : region(region)
-        , origin(region.size() == screen ? QPoint() : region.topLeft())
-    {
-    }
-
-    // A null image when no buffer can be had.
-    QImage fit(const BorrowedFrame& frame)
-    {
-        const QRect source = QRect(origin, region.size()) & QRect(QPoint(), frame.size);
-        const QRect target = source.translated(-origin);
-        QImage* image = buffer(target);
-        if (!image)
-            return QImage();
-        if (!source.isEmpty()) {
-            const uint8_t* from = frame.data + ptrdiff_t(source.y()) * frame.stride + source.x() * 4;
-            uint8_t* to = image->bits() + ptrdiff_t(target.y()) * image->bytesPerLine() + target.x() * 3;
-            rowConverter(frame.layout)(from, frame.stride, to, int(image->bytesPerLine()), source.width(),
-                                       source.height());
-        }
-        return *image;
-    }
-
-private:
-    QImage* buffer(const QRect& written)
-    {
-        for (QImage& image : buffers) {
-            if (!image.isNull() && image.isDetached() && written == covered) {
-                // Its last consumer has let go: what that one read happens
-                // before what is written now. (ThreadSanitizer models no
-                // fences, and it does not see the writes, which libyuv makes.)
-#ifndef __SANITIZE_THREAD__
-                std::atomic_thread_fence(std::memory_order_acquire);
-#endif
-                return &image;
-            }
-        }
-        // What the buffers' black parts are follows the picture's size.
-        if (written != covered) {
-            for (QImage& image : buffers)
-                image = QImage();
-            covered = written;
-        }
-        QImage* slot = nullptr;
-        for (QImage& image : buffers)
-            if (image.isNull() && !slot)
-                slot = &image;
-        if (!slot)
-            slot = &buffers[next++ % buffers.size()];
-        *slot = QImage(region.size(), QImage::Format_BGR888);
-        if (slot->isNull())
-            return nullptr;
-        if (written != slot->rect())
-            slot->fill(0);
-        return slot;
-    }
-
-    const QRect region;
-    const QPoint origin;  // where in the picture the image's corner lies
-    QRect covered;        // what of the buffers the pictures write
-    // The one being written, the newest, and an older one a consumer still reads.
-    std::array<QImage, 3> buffers;
-    size_t next = 0;
-};
 
 } // namespace
 
@@ -142,7 +63,7 @@ struct PortalInput
     PortalInput(const VideoDevice& device, const QRect& region)
         : device(device)
         , region(region)
-        , fitter(device.geometry.size().toSize(), region)
+        , fitter(regionOfPicture(device.geometry.size().toSize(), region), QRect())
     {
     }
 
@@ -151,7 +72,7 @@ struct PortalInput
 
     const VideoDevice device;
     const QRect region;
-    RegionFitter fitter;
+    FrameFitter fitter;  // the picture is the whole screen
     ScreenCastPortal portal;
     PipeWireStream stream;  // ends before the session does
     QImage pending;
@@ -193,7 +114,7 @@ bool PortalInput::open()
 
 void PortalInput::take(const BorrowedFrame& frame)
 {
-    const QImage image = fitter.fit(frame);
+    const QImage image = fitter.fit(frame.picture);
     if (image.isNull()) {
         qCWarning(lcScreenReel) << "Unable to create frame";
         return;

@@ -15,7 +15,7 @@ struct PortalInput;
 // Records a screen of a Wayland session: the desktop's screen-sharing portal
 // asks the user (in the system's dialog) and hands over the monitor's
 // PipeWire stream, whose pictures this cuts to the region and hands on as
-// QImages of the region's size, timed on the capture clock. The handshake
+// QImages (Format_RGB32) of the region's size, timed on the capture clock. The handshake
 // and the stream's first picture happen in the constructor, on the GUI
 // thread; a failure leaves the worker invalid. The stream's loop then runs
 // on the worker's own thread.
