@@ -32,8 +32,8 @@ inline ScreenInput currentScreenInput()
 // For people: how the screens of this session will be recorded.
 inline const char* screenInputText(ScreenInput input)
 {
-    return input == ScreenInput::Portal ? "the desktop's screen-sharing portal (Wayland session)"
-                                        : "the screen grabber";
+    return input == ScreenInput::Portal ? "through the Wayland session's screen-sharing portal"
+                                        : "by the screen grabber";
 }
 
 } // namespace orvane

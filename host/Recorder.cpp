@@ -60,7 +60,7 @@ bool Recorder::load(const QString& path, QTextStream& err)
 
 void Recorder::list(QTextStream& out)
 {
-    out << "Screens (recorded through " << orvane::screenInputText(orvane::currentScreenInput()) << "):" << Qt::endl;
+    out << "Screens (recorded " << orvane::screenInputText(orvane::currentScreenInput()) << "):" << Qt::endl;
     QList<QByteArray> seen;
     for (const auto& device : reel->videoDevices()) {
         if (seen.contains(device.screen))
