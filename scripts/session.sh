@@ -4,15 +4,23 @@
 # "reel.monitor" the default source, PULSE_SERVER exported). Stops exactly the
 # processes it started, whatever the command does.
 #
-#   session.sh [--display] [--sound [pulse|pipewire]] [--screen WxHxD] -- command [args...]
+#   session.sh [--display] [--sound [pulse|pipewire]] [--portal] [--screen WxHxD] -- command [args...]
 #
 # The sound server is PulseAudio unless named. "pipewire" runs pipewire,
 # wireplumber and pipewire-pulse on a private D-Bus session bus and a private
 # runtime dir (DBUS_SESSION_BUS_ADDRESS and XDG_RUNTIME_DIR exported), with
 # wireplumber's monitors of sound cards, cameras and Bluetooth off.
+#
+# --portal makes the session look like a Wayland desktop's to the command
+# (XDG_SESSION_TYPE=wayland; Qt still on the Xvfb through xcb, as Qt 5 runs on
+# XWayland): on the private bus the real xdg-desktop-portal frontend serves
+# the ScreenCast portal through the test backend $SCREENREEL_TEST_PORTAL
+# (default: the one in build/), whose monitor is the Xvfb screen and whose
+# shares are PipeWire nodes of the session's own pipewire.
 set -u
 
 want_display=0
+want_portal=0
 sound=""
 screen=1920x1080x24
 while [ $# -gt 0 ]; do
@@ -21,6 +29,7 @@ while [ $# -gt 0 ]; do
         --sound)
             sound=pulse
             case "${2:-}" in pulse|pipewire) sound=$2; shift ;; esac ;;
+        --portal) want_portal=1; want_display=1 ;;
         --screen) screen=$2; shift ;;
         --) shift; break ;;
         *) echo "session.sh: unknown option $1" >&2; exit 2 ;;
@@ -38,9 +47,11 @@ pipewire_pid=""
 wireplumber_pid=""
 pipewire_pulse_pid=""
 tone_pid=""
+backend_pid=""
+frontend_pid=""
 
 cleanup() {
-    for pid in $tone_pid $pipewire_pulse_pid $wireplumber_pid $pipewire_pid $bus_pid \
+    for pid in $frontend_pid $backend_pid $tone_pid $pipewire_pulse_pid $wireplumber_pid $pipewire_pid $bus_pid \
                $pulse_pid $xvfb_pid; do
         kill "$pid" 2>/dev/null && wait "$pid" 2>/dev/null
     done
@@ -98,8 +109,10 @@ if [ $want_display = 1 ]; then
     export QT_QPA_PLATFORM=xcb
 fi
 
-# A private session bus; wireplumber does not run without one.
+# A private session bus; wireplumber does not run without one. What it
+# starts on demand keeps its data under $work.
 start_bus() {
+    [ -z "$bus_pid" ] || return 0
     mkdir -p "$work/services"
     cat >"$work/bus.conf" <<EOF
 <!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
@@ -116,7 +129,8 @@ start_bus() {
   </policy>
 </busconfig>
 EOF
-    setsid dbus-daemon --config-file="$work/bus.conf" --nofork --nopidfile >"$work/bus.log" 2>&1 &
+    HOME="$work" XDG_DATA_HOME="$work/data" XDG_CONFIG_HOME="$work/config" \
+        setsid dbus-daemon --config-file="$work/bus.conf" --nofork --nopidfile >"$work/bus.log" 2>&1 &
     bus_pid=$!
     export DBUS_SESSION_BUS_ADDRESS="unix:path=$work/bus"
     wait_for test -S "$work/bus" || fail "dbus-daemon did not start" "$work/bus.log"
@@ -125,6 +139,7 @@ EOF
 # pipewire and wireplumber, and pipewire-pulse when $1 is "pulse". What they
 # keep goes under $work.
 start_pipewire() {
+    [ -z "$pipewire_pid" ] || return 0
     local run="$work/run" config="$work/config"
     mkdir -p -m 700 "$run"
     mkdir -p "$config/wireplumber/main.lua.d" "$config/wireplumber/bluetooth.lua.d"
@@ -181,6 +196,37 @@ elif [ "$sound" = pipewire ]; then
     wait_for tone_linked || fail "the tone does not reach the sink" "$work/tone.log" \
         "$work/wireplumber.log"
     pactl set-default-source reel.monitor >/dev/null 2>&1
+fi
+
+# The bus name has an owner.
+owned() {
+    dbus-send --session --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus \
+        org.freedesktop.DBus.NameHasOwner "string:$1" | grep -q "boolean true"
+}
+
+if [ $want_portal = 1 ]; then
+    start_bus
+    start_pipewire
+    backend=${SCREENREEL_TEST_PORTAL:-$(dirname "$0")/../build/tests/support/screenreel-test-portal}
+    size=${screen%x*}
+    setsid "$backend" --monitor "$size+0+0" >"$work/backend.log" 2>&1 &
+    backend_pid=$!
+    wait_for owned org.freedesktop.impl.portal.desktop.screenreeltest ||
+        fail "the test portal backend did not start" "$work/backend.log"
+    # Restore data the frontend keeps beyond the client's life goes there.
+    printf '%s\n' "[D-BUS Service]" "Name=org.freedesktop.impl.portal.PermissionStore" \
+        "Exec=/usr/libexec/xdg-permission-store" \
+        >"$work/services/org.freedesktop.impl.portal.PermissionStore.service"
+    mkdir -p "$work/portals"
+    printf '%s\n' "[portal]" "DBusName=org.freedesktop.impl.portal.desktop.screenreeltest" \
+        "Interfaces=org.freedesktop.impl.portal.ScreenCast" "UseIn=screenreeltest" \
+        >"$work/portals/screenreeltest.portal"
+    XDG_DESKTOP_PORTAL_DIR="$work/portals" XDG_CURRENT_DESKTOP=screenreeltest HOME="$work" \
+        setsid /usr/libexec/xdg-desktop-portal -r >"$work/frontend.log" 2>&1 &
+    frontend_pid=$!
+    wait_for owned org.freedesktop.portal.Desktop ||
+        fail "xdg-desktop-portal did not start" "$work/frontend.log"
+    export XDG_SESSION_TYPE=wayland
 fi
 
 "$@" <&0 &
