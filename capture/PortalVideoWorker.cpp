@@ -93,9 +93,9 @@ bool PortalInput::open()
         QStringList picked;
         for (const SharedStream& s : streams)
             picked << (s.size ? text(QRectF(s.position.value_or(QPoint()), *s.size)) : QStringLiteral("a monitor of unknown size"));
-        qCWarning(lcScreenReel) << "the monitor picked in the system's dialog ("
-                                << picked.join(QStringLiteral(", ")) << ") is not the screen to record ("
-                                << text(device.geometry) << ")";
+        qCWarning(lcScreenReel).noquote() << "the monitor picked in the system's dialog ("
+                                          + picked.join(QStringLiteral(", ")) + ") is not the screen to record ("
+                                          + text(device.geometry) + ")";
         return false;
     }
     if (!stream.open(portal.takeRemote(), streams[size_t(index)].node,
@@ -106,7 +106,7 @@ bool PortalInput::open()
         if (ended.isEmpty())
             qCWarning(lcScreenReel) << "the shared screen sent no picture within" << firstFrameTimeout.count() << "s";
         else
-            qCWarning(lcScreenReel) << "the shared screen sent no picture:" << ended;
+            qCWarning(lcScreenReel).noquote() << "the shared screen sent no picture: " + ended;
         return false;
     }
     return true;
@@ -171,7 +171,7 @@ void PortalVideoWorker::run()
             }
             const QString ended = in.stream.ended();
             if (!ended.isEmpty()) {
-                qCWarning(lcScreenReel) << "the screen share ended:" << ended;
+                qCWarning(lcScreenReel).noquote() << "the screen share ended: " + ended;
                 in.stream.leave();
                 abort();
                 return;

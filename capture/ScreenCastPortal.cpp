@@ -240,8 +240,9 @@ bool ScreenCastPortal::share()
     ask.setArguments({screenCastInterface});
     const QDBusMessage properties = bus.call(ask, QDBus::Block, propertiesTimeoutMs);
     if (properties.type() != QDBusMessage::ReplyMessage || properties.arguments().isEmpty()) {
-        qCWarning(lcScreenReel) << "no screen-sharing portal on the session bus: a Wayland screen cannot be recorded ("
-                                << properties.errorMessage() << ")";
+        qCWarning(lcScreenReel).noquote()
+                << "no screen-sharing portal on the session bus: a Wayland screen cannot be recorded ("
+                   + properties.errorMessage() + ")";
         return false;
     }
     const QVariantMap values = qdbus_cast<QVariantMap>(properties.arguments().constFirst());
@@ -262,8 +263,8 @@ bool ScreenCastPortal::share()
     if (!created.answered || created.code != 0) {
         if (stopped())
             return false;
-        qCWarning(lcScreenReel) << "the screen-sharing portal did not open a session (" << created.error
-                                    << created.code << ")";
+        qCWarning(lcScreenReel).noquote() << QStringLiteral("the screen-sharing portal did not open a session (%1)")
+                                                     .arg(created.answered ? QString::number(created.code) : created.error);
         return false;
     }
     session = created.results.value(QStringLiteral("session_handle")).toString();
@@ -282,8 +283,8 @@ bool ScreenCastPortal::share()
     if (!selected.answered || selected.code != 0) {
         if (stopped())
             return false;
-        qCWarning(lcScreenReel) << "the screen-sharing portal refused the choice of a monitor ("
-                                    << selected.error << selected.code << ")";
+        qCWarning(lcScreenReel).noquote() << QStringLiteral("the screen-sharing portal refused the choice of a monitor (%1)")
+                                                     .arg(selected.answered ? QString::number(selected.code) : selected.error);
         return false;
     }
 
@@ -293,7 +294,7 @@ bool ScreenCastPortal::share()
     if (stopped())
         return false;
     if (!started.answered) {
-        qCWarning(lcScreenReel) << "the screen-sharing portal did not start (" << started.error << ")";
+        qCWarning(lcScreenReel).noquote() << "the screen-sharing portal did not start (" + started.error + ")";
         return false;
     }
     if (started.code == responseCancelled) {
@@ -301,7 +302,8 @@ bool ScreenCastPortal::share()
         return false;
     }
     if (started.code != 0) {
-        qCWarning(lcScreenReel) << "the system refused to share the screen (portal response" << started.code << ")";
+        qCWarning(lcScreenReel).noquote()
+                << QStringLiteral("the system refused to share the screen (portal response %1)").arg(started.code);
         return false;
     }
     // Used or not, the old token is spent.
@@ -313,8 +315,8 @@ bool ScreenCastPortal::share()
     open.setArguments({QVariant::fromValue(sessionPath), QVariantMap()});
     const QDBusReply<QDBusUnixFileDescriptor> descriptor = bus.call(open, QDBus::Block, systemTimeoutMs);
     if (!descriptor.isValid() || !descriptor.value().isValid()) {
-        qCWarning(lcScreenReel) << "the screen-sharing portal gave no PipeWire connection ("
-                                << descriptor.error().message() << ")";
+        qCWarning(lcScreenReel).noquote()
+                << "the screen-sharing portal gave no PipeWire connection (" + descriptor.error().message() + ")";
         return false;
     }
     // The reply's descriptor closes with it.
