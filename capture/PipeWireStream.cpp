@@ -54,7 +54,7 @@ struct PipeWireStream::State
 
     void end(const QString& reason);
 
-    pw_loop* loop = nullptr;
+    pw_thread_loop* loop = nullptr;
     pw_context* context = nullptr;
     pw_core* core = nullptr;
     pw_registry* registry = nullptr;
@@ -67,19 +67,21 @@ struct PipeWireStream::State
     pw_stream_events streamEvents{};
     int fd = -1;  // until the core owns it
 
+    // The loop thread's alone once it runs.
     uint32_t node = 0;
-    FrameHandler handler;
+    FrameHandler frames;
+    EndHandler ended;
     bool formatKnown = false;
     PixelLayout layout = PixelLayout::bgrx;
     QSize size;
-    bool framed = false;  // a picture has been handled
-    QString endReason;
+    bool over = false;  // the end has been told
 };
 
 PipeWireStream::State::~State()
 {
+    // With the loop thread gone nothing else touches the objects.
     if (loop)
-        pw_loop_enter(loop);
+        pw_thread_loop_stop(loop);
     if (stream) {
         spa_hook_remove(&streamListener);
         pw_stream_destroy(stream);
@@ -94,18 +96,18 @@ PipeWireStream::State::~State()
     }
     if (context)
         pw_context_destroy(context);
-    if (loop) {
-        pw_loop_leave(loop);
-        pw_loop_destroy(loop);
-    }
+    if (loop)
+        pw_thread_loop_destroy(loop);
     if (fd >= 0)
         ::close(fd);
 }
 
 void PipeWireStream::State::end(const QString& reason)
 {
-    if (endReason.isEmpty())
-        endReason = reason;
+    if (over)
+        return;
+    over = true;
+    ended(reason);
 }
 
 void PipeWireStream::State::onCoreError(void* data, uint32_t id, int, int result, const char* message)
@@ -195,8 +197,7 @@ void PipeWireStream::State::onProcess(void* data)
         const int64_t needed = int64_t(picture.stride) * (picture.size.height() - 1) + picture.size.width() * 4;
         if (int64_t(offset) + needed <= int64_t(plane.maxsize)) {
             picture.data = static_cast<const uint8_t*>(plane.data) + offset;
-            self->handler(frame);
-            self->framed = true;
+            self->frames(frame);
         }
     }
     pw_stream_queue_buffer(self->stream, newest);
@@ -209,25 +210,25 @@ PipeWireStream::PipeWireStream()
 
 PipeWireStream::~PipeWireStream() = default;
 
-bool PipeWireStream::open(int fd, uint32_t node, FrameHandler handler)
+bool PipeWireStream::open(int fd, uint32_t node, FrameHandler frames, EndHandler ended)
 {
     State& s = *state;
     s.fd = fd;
     s.node = node;
-    s.handler = std::move(handler);
+    s.frames = std::move(frames);
+    s.ended = std::move(ended);
     initialisePipeWire();
-    s.loop = pw_loop_new(nullptr);
+    s.loop = pw_thread_loop_new("ScreenReel PipeWire", nullptr);
     if (s.loop)
-        s.context = pw_context_new(s.loop, nullptr, 0);
+        s.context = pw_context_new(pw_thread_loop_get_loop(s.loop), nullptr, 0);
     if (!s.context) {
         qCWarning(lcScreenReel) << "unable to set up PipeWire for the shared screen";
         return false;
     }
-    pw_loop_enter(s.loop);
+    // Nothing runs the loop yet: no lock is needed until it is started.
     s.core = pw_context_connect_fd(s.context, s.fd, nullptr, 0);
     s.fd = -1;  // the core's now, connected or not
     if (!s.core) {
-        pw_loop_leave(s.loop);
         qCWarning(lcScreenReel) << "unable to connect to PipeWire for the shared screen";
         return false;
     }
@@ -244,7 +245,6 @@ bool PipeWireStream::open(int fd, uint32_t node, FrameHandler handler)
             pw_properties_new(PW_KEY_MEDIA_TYPE, "Video", PW_KEY_MEDIA_CATEGORY, "Capture",
                               PW_KEY_MEDIA_ROLE, "Screen", nullptr));
     if (!s.stream) {
-        pw_loop_leave(s.loop);
         qCWarning(lcScreenReel) << "unable to make a PipeWire stream for the shared screen";
         return false;
     }
@@ -270,44 +270,16 @@ bool PipeWireStream::open(int fd, uint32_t node, FrameHandler handler)
     const int connected = pw_stream_connect(s.stream, PW_DIRECTION_INPUT, node,
             pw_stream_flags(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS | PW_STREAM_FLAG_DONT_RECONNECT),
             &format, 1);
-    pw_loop_leave(s.loop);
     if (connected < 0) {
         qCWarning(lcScreenReel) << "unable to connect to the shared screen's PipeWire stream ("
                                 << spa_strerror(connected) << ")";
         return false;
     }
+    if (pw_thread_loop_start(s.loop) < 0) {
+        qCWarning(lcScreenReel) << "unable to start PipeWire's loop for the shared screen";
+        return false;
+    }
     return true;
-}
-
-bool PipeWireStream::waitForFirstFrame(std::chrono::milliseconds limit)
-{
-    using Clock = std::chrono::steady_clock;
-    const Clock::time_point until = Clock::now() + limit;
-    pw_loop_enter(state->loop);
-    while (!state->framed && state->endReason.isEmpty() && Clock::now() < until)
-        pw_loop_iterate(state->loop, 20);
-    pw_loop_leave(state->loop);
-    return state->framed;
-}
-
-void PipeWireStream::iterate(std::chrono::milliseconds timeout)
-{
-    pw_loop_iterate(state->loop, int(timeout.count()));
-}
-
-void PipeWireStream::enter()
-{
-    pw_loop_enter(state->loop);
-}
-
-void PipeWireStream::leave()
-{
-    pw_loop_leave(state->loop);
-}
-
-QString PipeWireStream::ended() const
-{
-    return state->endReason;
 }
 
 } // namespace orvane

@@ -4,7 +4,6 @@
 
 #include <QString>
 
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -19,34 +18,27 @@ struct BorrowedFrame
 };
 
 // A PipeWire video stream that reads one node of a remote in shared-memory
-// buffers. It knows nothing of how the remote was had. Its loop runs only
-// inside iterate(), on whichever thread calls it; one thread at a time, the
-// handover between threads ordered by the caller (a thread start).
+// buffers, on a loop thread of PipeWire's own. It knows nothing of how the
+// remote was had. Its handlers run on that thread; they must only hand over
+// (the frame is borrowed for the call).
 class PipeWireStream
 {
 public:
     using FrameHandler = std::function<void(const BorrowedFrame&)>;
+    // Why the stream ended: its node went, or the connection broke.
+    using EndHandler = std::function<void(const QString&)>;
 
     PipeWireStream();
+    // Stops the loop thread (it waits for nothing outside the process).
     ~PipeWireStream();
 
     PipeWireStream(const PipeWireStream&) = delete;
     PipeWireStream& operator=(const PipeWireStream&) = delete;
 
-    // Connects to `node` through the remote `fd` (owned from now on). False,
-    // with a log line, when PipeWire cannot be reached.
-    bool open(int fd, uint32_t node, FrameHandler handler);
-    // Runs the loop until the first picture has been handled or `limit` has
-    // passed; false then.
-    bool waitForFirstFrame(std::chrono::milliseconds limit);
-    // Runs the loop once, waiting up to `timeout` for something to do.
-    void iterate(std::chrono::milliseconds timeout);
-    // The thread that iterates from now on (pairs around its iterations).
-    void enter();
-    void leave();
-    // Why the stream ended (its node went, the connection broke), or empty
-    // while it runs.
-    QString ended() const;
+    // Connects to `node` through the remote `fd` (owned from now on) and
+    // starts the loop thread. False, with a log line, when PipeWire cannot
+    // be reached.
+    bool open(int fd, uint32_t node, FrameHandler frames, EndHandler end);
 
 private:
     struct State;

@@ -8,14 +8,17 @@
 
 #include <QImage>
 
+#include <condition_variable>
 #include <ctime>
 #include <exception>
+#include <mutex>
 
-// Threads: the GUI thread asks the portal and waits for the stream's first
-// picture in the constructor, iterating the stream's loop itself; from
-// start() on only the worker's thread iterates it, and the picture handler
-// runs inside those iterations. Teardown is on the GUI thread once the
-// worker's thread has ended. No lock of the worker's own.
+// Threads: the GUI thread asks the portal and opens the stream in the
+// constructor, and tears both down once the worker's thread has ended.
+// PipeWire's loop thread (the stream's) cuts each picture into an image and
+// leaves it in the mailbox; the worker's thread takes it from there and hands
+// it on. The mailbox's mutex is held for a few assignments, never across a
+// call into PipeWire or the pipeline.
 
 namespace orvane {
 
@@ -26,8 +29,8 @@ namespace {
 // A stream that has started sends its first picture within a frame or two;
 // one that has not by then would hold the host's GUI thread.
 constexpr std::chrono::seconds firstFrameTimeout(3);
-// How long the worker's loop waits for a picture before it looks at a stop
-// request again.
+// How long the worker waits for a picture before it looks at a stop request
+// again.
 constexpr std::chrono::milliseconds iteration(20);
 // Older stamps are taken for another clock's.
 constexpr int64_t oldestPtsNs = 60'000'000'000;
@@ -56,8 +59,18 @@ CaptureTime monotonicToCaptureTime(int64_t ptsNs, int64_t monotonicNowNs, Captur
     return systemNowUs - age / 1000;
 }
 
+// Where the stream's thread leaves the newest picture, or the stream's end.
+struct Mailbox
+{
+    std::mutex mutex;
+    std::condition_variable changed;
+    QImage image;  // null once taken
+    CaptureTime captured = noCaptureTime;
+    QString ended;
+};
+
 // Everything the worker works with: the portal's session and the stream,
-// opened in the constructor; the newest picture not yet handed on.
+// opened in the constructor, and the mailbox between them.
 struct PortalInput
 {
     PortalInput(const VideoDevice& device, const QRect& region)
@@ -72,11 +85,10 @@ struct PortalInput
 
     const VideoDevice device;
     const QRect region;
-    FrameFitter fitter;  // the picture is the whole screen
+    FrameFitter fitter;  // the stream's thread's; the picture is the whole screen
+    Mailbox mailbox;
     ScreenCastPortal portal;
-    PipeWireStream stream;  // ends before the session does
-    QImage pending;
-    CaptureTime pendingCaptured = noCaptureTime;
+    PipeWireStream stream;  // ends before the session and the mailbox do
     bool valid = false;
 };
 
@@ -98,15 +110,23 @@ bool PortalInput::open()
                                           + text(device.geometry) + ")";
         return false;
     }
+    const auto ended = [this](const QString& reason) {
+        {
+            std::lock_guard<std::mutex> lock(mailbox.mutex);
+            mailbox.ended = reason;
+        }
+        mailbox.changed.notify_one();
+    };
     if (!stream.open(portal.takeRemote(), streams[size_t(index)].node,
-                     [this](const BorrowedFrame& frame) { take(frame); }))
+                     [this](const BorrowedFrame& frame) { take(frame); }, ended))
         return false;
-    if (!stream.waitForFirstFrame(firstFrameTimeout)) {
-        const QString ended = stream.ended();
-        if (ended.isEmpty())
+    std::unique_lock<std::mutex> lock(mailbox.mutex);
+    mailbox.changed.wait_for(lock, firstFrameTimeout, [this] { return !mailbox.image.isNull() || !mailbox.ended.isEmpty(); });
+    if (mailbox.image.isNull()) {
+        if (mailbox.ended.isEmpty())
             qCWarning(lcScreenReel) << "the shared screen sent no picture within" << firstFrameTimeout.count() << "s";
         else
-            qCWarning(lcScreenReel).noquote() << "the shared screen sent no picture: " + ended;
+            qCWarning(lcScreenReel).noquote() << "the shared screen sent no picture: " + mailbox.ended;
         return false;
     }
     return true;
@@ -119,8 +139,14 @@ void PortalInput::take(const BorrowedFrame& frame)
         qCWarning(lcScreenReel) << "Unable to create frame";
         return;
     }
-    pending = image;
-    pendingCaptured = monotonicToCaptureTime(frame.ptsNs, clockNow(CLOCK_MONOTONIC), clockNow(CLOCK_REALTIME) / 1000);
+    const CaptureTime captured =
+            monotonicToCaptureTime(frame.ptsNs, clockNow(CLOCK_MONOTONIC), clockNow(CLOCK_REALTIME) / 1000);
+    {
+        std::lock_guard<std::mutex> lock(mailbox.mutex);
+        mailbox.image = image;
+        mailbox.captured = captured;
+    }
+    mailbox.changed.notify_one();
 }
 
 PortalVideoWorker::PortalVideoWorker(const VideoDevice& device, const QRect& region, Pipeline* pipeline)
@@ -159,32 +185,33 @@ QSize PortalVideoWorker::videoSize()
 void PortalVideoWorker::run()
 {
     setPriority(QThread::TimeCriticalPriority);
-    PortalInput& in = *input;
-    in.stream.enter();
+    Mailbox& box = input->mailbox;
     try {
         // Every picture handed on is new: the consumer repeats the last one
         // while a still screen sends none.
         while (!isInterruptionRequested()) {
-            if (!in.pending.isNull()) {
-                pushImage(in.pending, in.pendingCaptured);
-                in.pending = QImage();
+            QImage image;
+            CaptureTime captured = noCaptureTime;
+            QString ended;
+            {
+                std::unique_lock<std::mutex> lock(box.mutex);
+                box.changed.wait_for(lock, iteration, [&] { return !box.image.isNull() || !box.ended.isEmpty(); });
+                std::swap(image, box.image);
+                captured = box.captured;
+                ended = box.ended;
             }
-            const QString ended = in.stream.ended();
+            if (!image.isNull())
+                pushImage(image, captured);
             if (!ended.isEmpty()) {
                 qCWarning(lcScreenReel).noquote() << "the screen share ended: " + ended;
-                in.stream.leave();
                 abort();
                 return;
             }
-            in.stream.iterate(iteration);
         }
     } catch (const std::exception& e) {
         qCWarning(lcScreenReel) << "ScreenReel error: " << e.what();
-        in.stream.leave();
         abort();
-        return;
     }
-    in.stream.leave();
 }
 
 } // namespace orvane
