@@ -6,6 +6,8 @@
 #include "pipeline/Pipeline.h"
 
 #include <QCursor>
+#include <QProcess>
+#include <QTemporaryFile>
 #include <QPainter>
 #include <QRasterWindow>
 #include <QtTest>
@@ -22,9 +24,17 @@ namespace {
 
 class Scene : public QRasterWindow
 {
+public:
+    bool dark = false;  // all black instead of the quadrants
+
+private:
     void paintEvent(QPaintEvent*) override
     {
         QPainter painter(this);
+        if (dark) {
+            painter.fillRect(0, 0, 1920, 1080, Qt::black);
+            return;
+        }
         painter.fillRect(0, 0, 960, 540, Qt::red);
         painter.fillRect(960, 0, 960, 540, Qt::green);
         painter.fillRect(0, 540, 960, 540, Qt::blue);
@@ -50,10 +60,16 @@ public:
         mistimed += age < 0 || age > 60000000;
         rewritten += image.constBits() == latest.constBits();
         latest = image;
-        ++count;
+        if (++count == 5) {
+            held = image;
+            heldCopy = image.copy();
+        }
+        darkened = count > 5 && image.pixelColor(image.width() - 11, image.height() - 11) == Qt::black;
     }
     QImage latest;  // the video thread's until it has ended
+    QImage held, heldCopy;  // the fifth image as it was handed over, and its pixels then
     std::atomic<int> count{0};
+    std::atomic<bool> darkened{false};  // the newest image's corner is black
     int rewritten = 0, mistimed = 0;
 };
 
@@ -162,13 +178,83 @@ private slots:
         QCOMPARE(target->rewritten, 0);
         QCOMPARE(target->mistimed, 0);
         const QImage& image = target->latest;
-        QCOMPARE(image.format(), QImage::Format_BGR888);
+        QCOMPARE(image.format(), QImage::Format_RGB32);
         QCOMPARE(image.size(), region.size());
         const QColor colours[] = {Qt::black, Qt::red, Qt::green, Qt::blue, Qt::white};
         const int right = image.width() - 11, bottom = image.height() - 11;
         const QPoint points[] = {{10, 10}, {right, 10}, {10, bottom}, {right, bottom}};
         for (int i = 0; i < 4; ++i)
             QCOMPARE(image.pixelColor(points[i]), colours[QString("KRGBW").indexOf(corners[i])]);
+    }
+
+    void otherFormat_data()
+    {
+        QTest::addColumn<QRect>("region");
+        QTest::newRow("whole screen") << QRect(0, 0, 320, 240);
+        QTest::newRow("sticking out: black outside") << QRect(300, 200, 40, 60);
+    }
+    // A 16-bit display is not grabbed in a 32-bit layout: converted, it still
+    // records, and white stays white.
+    void otherFormat()
+    {
+        QFETCH(QRect, region);
+        QTemporaryFile displayFile;
+        QVERIFY(displayFile.open());
+        QProcess xvfb;
+        xvfb.start("sh", {"-c", "exec Xvfb -displayfd 3 -screen 0 320x240x16 -wr -nolisten tcp -noreset 3>\"$0\"",
+                          displayFile.fileName()});
+        QVERIFY(xvfb.waitForStarted());
+        QTRY_VERIFY_WITH_TIMEOUT(displayFile.size() > 0, 10000);
+        const QByteArray display = qgetenv("DISPLAY");
+        qputenv("DISPLAY", ":" + displayFile.readAll().trimmed());
+        QTest::ignoreMessage(QtDebugMsg, "Falling back to gdigrab because d3d11va is not available...");
+        Pipeline pipeline(nullptr, nullptr);
+        pipeline.video = std::make_unique<VideoWorker>(VideoDevice{"{0x2}", "0", "Sixteen", QRectF(0, 0, 320, 240), nullptr},
+                                                       region, &pipeline);
+        qputenv("DISPLAY", display);
+        auto* target = new Keeper(&pipeline);
+        pipeline.target.reset(target);
+        QVERIFY(pipeline.start());
+        QTRY_VERIFY_WITH_TIMEOUT(target->count >= 3, 30000);
+        pipeline.stop();
+        xvfb.terminate();
+        QVERIFY(xvfb.waitForFinished());
+        const QImage& image = target->latest;
+        QCOMPARE(image.format(), QImage::Format_RGB32);
+        QCOMPARE(image.size(), region.size());
+        const QColor corner = image.pixelColor(10, 10);
+        QVERIFY2(qMin(qMin(corner.red(), corner.green()), corner.blue()) >= 253, qPrintable(corner.name()));
+        QCOMPARE(image.pixelColor(image.width() - 1, image.height() - 1), region.width() == 320 ? corner : QColor(Qt::black));
+    }
+
+    void handedOver_data()
+    {
+        QTest::addColumn<QRect>("region");
+        QTest::newRow("the grabber's own buffer") << QRect(0, 0, 1920, 1080);
+        QTest::newRow("a buffer of cut regions") << QRect(-20, -20, 100, 100);
+    }
+    // An image handed over keeps its pixels while the grabber goes on to
+    // frames that differ.
+    void handedOver()
+    {
+        QFETCH(QRect, region);
+        scene.dark = false;
+        scene.update();
+        QTest::ignoreMessage(QtDebugMsg, "Falling back to gdigrab because d3d11va is not available...");
+        Pipeline pipeline(nullptr, nullptr);
+        pipeline.video = std::make_unique<VideoWorker>(device, region, &pipeline);
+        auto* target = new Keeper(&pipeline);
+        pipeline.target.reset(target);
+        QVERIFY(pipeline.start());
+        QTRY_VERIFY_WITH_TIMEOUT(target->count > 5, 30000);
+        scene.dark = true;
+        scene.update();
+        QTRY_VERIFY_WITH_TIMEOUT(target->darkened, 30000);
+        pipeline.stop();
+        scene.dark = false;
+        scene.update();
+        QVERIFY(target->held.pixelColor(target->held.width() - 11, target->held.height() - 11) != Qt::black);
+        QVERIFY(target->held == target->heldCopy);
     }
 };
 
