@@ -25,8 +25,8 @@ bool FrameFitter::isImage(const Picture& picture) const
     // says it lies: it is handed on whole, neither cut nor moved.
     const bool placed = place.isNull() ? picture.size == region.size()
                                        : place == QRect(QPoint(), region.size()) && picture.size == region.size();
-    return placed && picture.layout == PixelLayout::bgrx && picture.stride % 4 == 0
-        && reinterpret_cast<uintptr_t>(picture.data) % 4 == 0;
+    return placed && picture.layout == PixelLayout::bgrx && picture.stride >= picture.size.width() * 4
+        && picture.stride % 4 == 0 && reinterpret_cast<uintptr_t>(picture.data) % 4 == 0;
 }
 
 QImage FrameFitter::fit(const Picture& picture)

@@ -37,7 +37,8 @@ public:
     FrameFitter(const QRect& region, const QRect& place);
 
     // Whether the picture, as it is, is the region's image: nothing to cut,
-    // move or reorder, and rows QImage can address. Such a picture may be
+    // move or reorder, and rows QImage can address (top-down, 4-byte
+    // aligned). Such a picture may be
     // handed on without a copy by a grabber that owns its memory.
     bool isImage(const Picture& picture) const;
 
