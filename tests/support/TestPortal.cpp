@@ -24,45 +24,24 @@ namespace {
 const QString busName = "org.freedesktop.impl.portal.desktop.screenreeltest";
 const QString vendor = "screenreeltest";
 
-struct Stream
-{
-    uint node = 0;
-    QVariantMap properties;
-};
-struct RestoreData
-{
-    QString vendor;
-    uint version = 0;
-    QDBusVariant data;
-};
+struct Stream { uint node = 0; QVariantMap properties; };
+struct RestoreData { QString vendor; uint version = 0; QDBusVariant data; };
 
 QDBusArgument& operator<<(QDBusArgument& a, const Stream& s)
 {
-    a.beginStructure();
-    a << s.node << s.properties;
-    a.endStructure();
-    return a;
+    a.beginStructure(); a << s.node << s.properties; a.endStructure(); return a;
 }
 const QDBusArgument& operator>>(const QDBusArgument& a, Stream& s)
 {
-    a.beginStructure();
-    a >> s.node >> s.properties;
-    a.endStructure();
-    return a;
+    a.beginStructure(); a >> s.node >> s.properties; a.endStructure(); return a;
 }
 QDBusArgument& operator<<(QDBusArgument& a, const RestoreData& r)
 {
-    a.beginStructure();
-    a << r.vendor << r.version << r.data;
-    a.endStructure();
-    return a;
+    a.beginStructure(); a << r.vendor << r.version << r.data; a.endStructure(); return a;
 }
 const QDBusArgument& operator>>(const QDBusArgument& a, RestoreData& r)
 {
-    a.beginStructure();
-    a >> r.vendor >> r.version >> r.data;
-    a.endStructure();
-    return a;
+    a.beginStructure(); a >> r.vendor >> r.version >> r.data; a.endStructure(); return a;
 }
 
 } // namespace
@@ -195,20 +174,9 @@ struct Share
     static Share* create(pw_thread_loop* loop, pw_core* core, QSize size, spa_video_format format, bool silent,
                          const std::atomic<bool>* still)
     {
-        static const pw_stream_events events = [] {
-            pw_stream_events e{};
-            e.version = PW_VERSION_STREAM_EVENTS;
-            e.state_changed = onState;
-            e.param_changed = onParam;
-            e.process = onProcess;
-            return e;
-        }();
-        auto* self = new Share;
-        self->loop = loop;
-        self->size = size;
-        self->format = format;
-        self->silent = silent;
-        self->still = still;
+        static const pw_stream_events events{PW_VERSION_STREAM_EVENTS, nullptr, onState, nullptr, nullptr, onParam,
+                                             nullptr, nullptr, onProcess, nullptr, nullptr, nullptr};
+        auto* self = new Share{loop, nullptr, {}, nullptr, size, format, silent, still};
         pw_thread_loop_lock(loop);
         self->timer = pw_loop_add_timer(pw_thread_loop_get_loop(loop), onTimer, self);
         self->stream = pw_stream_new(core, "screenreel-test-monitor",
@@ -262,12 +230,10 @@ class Session : public QObject
 {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "org.freedesktop.impl.portal.Session")
-    Q_PROPERTY(uint version READ version CONSTANT)
 
 public:
     Session(Backend* backend, const QString& path) : backend(backend), path(path) {}
     ~Session() override { Share::destroy(share); }
-    uint version() const { return 1; }
 
     Backend* backend;
     const QString path;
