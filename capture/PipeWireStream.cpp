@@ -4,9 +4,9 @@
 
 #include <pipewire/pipewire.h>
 #include <spa/buffer/meta.h>
-#include <spa/utils/result.h>
 #include <spa/param/video/format-utils.h>
 #include <spa/pod/builder.h>
+#include <spa/utils/result.h>
 
 #include <unistd.h>
 
@@ -182,11 +182,12 @@ void PipeWireStream::State::onProcess(void* data)
     spa_buffer* buffer = newest->buffer;
     const auto* header = static_cast<const spa_meta_header*>(
             spa_buffer_find_meta_data(buffer, SPA_META_Header, sizeof(spa_meta_header)));
-    const spa_data& plane = buffer->datas[0];
     // A buffer without a picture (a cursor move alone, or one marked broken)
     // changes nothing.
     const bool corrupted = header && (header->flags & SPA_META_HEADER_FLAG_CORRUPTED);
-    if (self->formatKnown && !corrupted && buffer->n_datas > 0 && plane.data && plane.chunk->size > 0) {
+    const spa_data* planes = buffer->n_datas > 0 ? buffer->datas : nullptr;
+    if (self->formatKnown && !corrupted && planes && planes->data && planes->maxsize > 0 && planes->chunk->size > 0) {
+        const spa_data& plane = *planes;
         BorrowedFrame frame;
         Picture& picture = frame.picture;
         picture.size = self->size;
@@ -237,6 +238,10 @@ bool PipeWireStream::open(int fd, uint32_t node, FrameHandler frames, EndHandler
     pw_core_add_listener(s.core, &s.coreListener, &s.coreEvents, &s);
     // The node's removal is the end of the share, whatever the stream makes of it.
     s.registry = pw_core_get_registry(s.core, PW_VERSION_REGISTRY, 0);
+    if (!s.registry) {
+        qCWarning(lcScreenReel) << "unable to watch PipeWire's objects for the shared screen";
+        return false;
+    }
     s.registryEvents.version = PW_VERSION_REGISTRY_EVENTS;
     s.registryEvents.global_remove = &State::onGlobalRemove;
     pw_registry_add_listener(s.registry, &s.registryListener, &s.registryEvents, &s);
