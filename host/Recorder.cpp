@@ -1,12 +1,13 @@
 #include "Recorder.h"
 
+#include "Console.h"
+
 #include <QCoreApplication>
 #include <QFileInfo>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <unistd.h>
 
 namespace {
 
@@ -103,7 +104,7 @@ bool Recorder::start(const Options& options, QTextStream& err)
     if (!toFile) {
         // Straight to the descriptor: a fragment held in a buffer of Qt's or
         // stdio's would be lost to the reader if this process is killed.
-        if (!file->open(STDOUT_FILENO, QIODevice::WriteOnly | QIODevice::Unbuffered, QFileDevice::DontCloseHandle)) {
+        if (!file->open(binaryStandardOutput(), QIODevice::WriteOnly | QIODevice::Unbuffered, QFileDevice::DontCloseHandle)) {
             err << "cannot write to standard output" << Qt::endl;
             return false;
         }
