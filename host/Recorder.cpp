@@ -22,10 +22,12 @@ constexpr std::chrono::milliseconds pollFrom = 200ms;
 QStringList pluginCandidates()
 {
     const QString dir = QCoreApplication::applicationDirPath();
-    return {dir + QStringLiteral("/../lib/screenreel/libScreenReel.so"),
-            QStringLiteral(SCREENREEL_INSTALL_PLUGIN_DIR "/libScreenReel.so"),
-            dir + QStringLiteral("/../libScreenReel.so"),
-            dir + QStringLiteral("/libScreenReel.so")};
+    // The module's name as the build gives it on this system (.so, .dll).
+    const QString file = QStringLiteral(SCREENREEL_PLUGIN_FILE);
+    return {dir + QStringLiteral("/../lib/screenreel/") + file,
+            QStringLiteral(SCREENREEL_INSTALL_PLUGIN_DIR "/") + file,
+            dir + QStringLiteral("/../") + file,
+            dir + QLatin1Char('/') + file};
 }
 
 } // namespace
