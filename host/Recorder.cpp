@@ -1,5 +1,7 @@
 #include "Recorder.h"
 
+#include "Console.h"
+
 // Which input records the screens follows from the session alone: the
 // plug-in's own rule, header-only, not an interface of the plug-in.
 #include "capture/ScreenInput.h"
@@ -10,7 +12,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <unistd.h>
 
 namespace {
 
@@ -25,10 +26,12 @@ constexpr std::chrono::milliseconds pollFrom = 200ms;
 QStringList pluginCandidates()
 {
     const QString dir = QCoreApplication::applicationDirPath();
-    return {dir + QStringLiteral("/../lib/screenreel/libScreenReel.so"),
-            QStringLiteral(SCREENREEL_INSTALL_PLUGIN_DIR "/libScreenReel.so"),
-            dir + QStringLiteral("/../libScreenReel.so"),
-            dir + QStringLiteral("/libScreenReel.so")};
+    // The module's name as the build gives it on this system (.so, .dll).
+    const QString file = QStringLiteral(SCREENREEL_PLUGIN_FILE);
+    return {dir + QStringLiteral("/../lib/screenreel/") + file,
+            QStringLiteral(SCREENREEL_INSTALL_PLUGIN_DIR "/") + file,
+            dir + QStringLiteral("/../") + file,
+            dir + QLatin1Char('/') + file};
 }
 
 } // namespace
@@ -107,7 +110,7 @@ bool Recorder::start(const Options& options, QTextStream& err)
     if (!toFile) {
         // Straight to the descriptor: a fragment held in a buffer of Qt's or
         // stdio's would be lost to the reader if this process is killed.
-        if (!file->open(STDOUT_FILENO, QIODevice::WriteOnly | QIODevice::Unbuffered, QFileDevice::DontCloseHandle)) {
+        if (!file->open(binaryStandardOutput(), QIODevice::WriteOnly | QIODevice::Unbuffered, QFileDevice::DontCloseHandle)) {
             err << "cannot write to standard output" << Qt::endl;
             return false;
         }

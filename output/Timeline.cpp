@@ -56,12 +56,13 @@ std::chrono::microseconds tickDelay(const std::vector<double>& waits, int frameR
     // The waits lie on a circle of one tick: an image that just missed its
     // tick waits nearly a whole one.
     const double tick = 1000.0 / frameRate;
+    const double pi = std::acos(-1.0);  // M_PI is POSIX's, not standard C++
     double x = 0, y = 0;
     for (const double wait : waits) {
-        x += std::cos(2 * M_PI * wait / tick);
-        y += std::sin(2 * M_PI * wait / tick);
+        x += std::cos(2 * pi * wait / tick);
+        y += std::sin(2 * pi * wait / tick);
     }
-    const double typical = std::atan2(y, x) / (2 * M_PI) * tick;
+    const double typical = std::atan2(y, x) / (2 * pi) * tick;
     const double delay = std::fmod(std::fmod(tick / 2 - typical, tick) + tick, tick);
     return std::chrono::microseconds(int64_t(delay * 1000));
 }
