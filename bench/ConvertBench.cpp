@@ -1,8 +1,10 @@
-// Times the picture conversions a recording makes per frame, by swscale and
-// by libyuv, and says how far apart their colours are: what the grabber
-// delivers (BGR0) to BGR24, BGR24 to the encoder's YUV420P, BGR0 straight to
-// YUV420P; then the preview's ways of putting a BGR888 image on an RGB32
-// surface (the window's backing store).
+// Times the picture work a recording does per frame, by swscale and by
+// libyuv, and says how far apart their colours are: the one conversion of
+// what the grabber delivers (BGR0, handed over as RGB32 without a copy) to
+// the encoder's YUV420P, against the two of a BGR24 hand-over; the copies
+// made where a region is cut or the layout is RGB0; the general path of
+// another grabber format; then the preview's ways of putting an RGB32 image
+// on an RGB32 surface (the window's backing store).
 //
 //   convert-bench [--size WxH] [--frames N]
 
@@ -14,6 +16,7 @@ extern "C" {
 #include <libyuv/convert.h>
 #include <libyuv/convert_from_argb.h>
 
+#include "capture/FrameFitter.h"
 #include "preview/BufferView.h"
 
 #include <QCoreApplication>
@@ -114,68 +117,89 @@ int main(int argc, char** argv)
                                          nullptr, nullptr, nullptr);
     SwsContext* bgr24ToYuv = sws_getContext(w, h, AV_PIX_FMT_BGR24, w, h, AV_PIX_FMT_YUV420P,
                                             SWS_FAST_BILINEAR, nullptr, nullptr, nullptr);
+    // Not SWS_FAST_BILINEAR: from BGR0 it puts some 8-pixel blocks of a
+    // 1920-wide picture up to 74 levels off in Y here.
     SwsContext* bgr0ToYuv = sws_getContext(w, h, AV_PIX_FMT_BGR0, w, h, AV_PIX_FMT_YUV420P,
-                                           SWS_FAST_BILINEAR, nullptr, nullptr, nullptr);
+                                           SWS_BILINEAR, nullptr, nullptr, nullptr);
     if (!toBgr24 || !bgr24ToYuv || !bgr0ToYuv) {
         std::fprintf(stderr, "no converter\n");
         return 1;
     }
 
     std::printf("%dx%d, %d frames, ms per frame:              swscale   libyuv\n", w, h, frames);
+    std::vector<uint8_t> yuv2(yuv.size());
+    uint8_t* yuv2Planes[3] = {yuv2.data(), yuv2.data() + (yuvPlanes[1] - yuv.data()),
+                              yuv2.data() + (yuvPlanes[2] - yuv.data())};
+    const double c = millisecondsPerFrame(frames, [&](int) {
+        sws_scale(bgr0ToYuv, bgr0Planes, bgr0Strides, 0, h, yuvPlanes, yuvStrides);
+    });
+    // libyuv names formats by the little-endian word: its ARGB is BGR0 in
+    // memory (RGB32), its RGB24 is BGR24.
+    const double yc = millisecondsPerFrame(frames, [&](int) {
+        libyuv::ARGBToI420(bgr0.data(), w * 4, yuv2Planes[0], yuvStrides[0], yuv2Planes[1], yuvStrides[1],
+                           yuv2Planes[2], yuvStrides[2], w, h);
+    });
+    std::printf("  RGB32 -> YUV420P (the Muxer)           %7.2f  %7.2f\n", c, yc);
     QImage yuvBgr24(w, h, QImage::Format_BGR888);
     const double a = millisecondsPerFrame(frames, [&](int) {
         uint8_t* planes[4] = {bgr24.bits(), nullptr, nullptr, nullptr};
         const int strides[4] = {int(bgr24.bytesPerLine()), 0, 0, 0};
         sws_scale(toBgr24, bgr0Planes, bgr0Strides, 0, h, planes, strides);
     });
-    // libyuv names formats by the little-endian word: its ARGB is BGR0 in
-    // memory, its RGB24 is BGR24.
     const double ya = millisecondsPerFrame(frames, [&](int) {
         libyuv::ARGBToRGB24(bgr0.data(), w * 4, yuvBgr24.bits(), int(yuvBgr24.bytesPerLine()), w, h);
     });
-    std::printf("  BGR0 -> BGR24                          %7.2f  %7.2f\n", a, ya);
     const double b = millisecondsPerFrame(frames, [&](int) {
         const uint8_t* planes[4] = {bgr24.constBits(), nullptr, nullptr, nullptr};
         const int strides[4] = {int(bgr24.bytesPerLine()), 0, 0, 0};
         sws_scale(bgr24ToYuv, planes, strides, 0, h, yuvPlanes, yuvStrides);
     });
-    std::vector<uint8_t> yuv2(yuv.size());
-    uint8_t* yuv2Planes[3] = {yuv2.data(), yuv2.data() + (yuvPlanes[1] - yuv.data()),
-                              yuv2.data() + (yuvPlanes[2] - yuv.data())};
     const double yb = millisecondsPerFrame(frames, [&](int) {
         libyuv::RGB24ToI420(bgr24.constBits(), int(bgr24.bytesPerLine()), yuv2Planes[0], yuvStrides[0],
                             yuv2Planes[1], yuvStrides[1], yuv2Planes[2], yuvStrides[2], w, h);
     });
-    std::printf("  BGR24 -> YUV420P                       %7.2f  %7.2f\n", b, yb);
-    std::printf("    the two together                     %7.2f  %7.2f\n", a + b, ya + yb);
-    const double c = millisecondsPerFrame(frames, [&](int) {
-        sws_scale(bgr0ToYuv, bgr0Planes, bgr0Strides, 0, h, yuvPlanes, yuvStrides);
-    });
-    const double yc = millisecondsPerFrame(frames, [&](int) {
-        libyuv::ARGBToI420(bgr0.data(), w * 4, yuv2Planes[0], yuvStrides[0], yuv2Planes[1], yuvStrides[1],
-                           yuv2Planes[2], yuvStrides[2], w, h);
-    });
-    std::printf("  BGR0 -> YUV420P                        %7.2f  %7.2f\n", c, yc);
+    std::printf("  a BGR24 hand-over: BGR0 -> BGR24       %7.2f  %7.2f\n", a, ya);
+    std::printf("    then BGR24 -> YUV420P                %7.2f  %7.2f\n", b, yb);
+    std::printf("    the two together                     %7.2f  %7.2f  (%.2f more than RGB32)\n", a + b, ya + yb,
+                ya + yb - yc);
 
-    // The same picture both ways: BGR24 must match byte for byte, YUV within
-    // rounding (both BT.601, limited range).
+    // Copies made only where the frame is not the region's image as it is.
+    const QRect region(w / 6, h / 6, w * 2 / 3, h * 2 / 3);
+    orvane::FrameFitter cut(region, QRect());
+    const orvane::Picture whole{bgr0.data(), w * 4, QSize(w, h), orvane::PixelLayout::bgrx};
+    const double fc = millisecondsPerFrame(frames, [&](int) { (void)cut.fit(whole); });
+    orvane::FrameFitter same(QRect(0, 0, w, h), QRect());
+    orvane::Picture swapped = whole;
+    swapped.layout = orvane::PixelLayout::rgbx;
+    const double fs = millisecondsPerFrame(frames, [&](int) { (void)same.fit(swapped); });
+    std::printf("  copy: a 2/3 region cut (FrameFitter)             %7.2f\n", fc);
+    std::printf("  copy: RGB0 swapped to RGB32 (FrameFitter)        %7.2f\n", fs);
+    // The general path: another format (a 16-bit display) converted by swscale.
+    std::vector<uint8_t> rgb565(size_t(w) * size_t(h) * 2);
+    SwsContext* fromRgb565 = sws_getContext(w, h, AV_PIX_FMT_RGB565, w, h, AV_PIX_FMT_BGRA, SWS_POINT, nullptr,
+                                            nullptr, nullptr);
+    QImage general(w, h, QImage::Format_RGB32);
+    const double gp = millisecondsPerFrame(frames, [&](int) {
+        const uint8_t* planes[4] = {rgb565.data(), nullptr, nullptr, nullptr};
+        const int strides[4] = {w * 2, 0, 0, 0};
+        uint8_t* out[4] = {general.bits(), nullptr, nullptr, nullptr};
+        const int outStrides[4] = {int(general.bytesPerLine()), 0, 0, 0};
+        sws_scale(fromRgb565, planes, strides, 0, h, out, outStrides);
+    });
+    std::printf("  general path: RGB565 -> RGB32          %7.2f\n", gp);
+
+    // The same picture both ways: YUV within rounding (both BT.601, limited
+    // range).
     paintBlocks(bgr0, w, h);
-    {
-        uint8_t* planes[4] = {bgr24.bits(), nullptr, nullptr, nullptr};
-        const int strides[4] = {int(bgr24.bytesPerLine()), 0, 0, 0};
-        sws_scale(toBgr24, bgr0Planes, bgr0Strides, 0, h, planes, strides);
-        libyuv::ARGBToRGB24(bgr0.data(), w * 4, yuvBgr24.bits(), int(yuvBgr24.bytesPerLine()), w, h);
-        const uint8_t* source[4] = {bgr24.constBits(), nullptr, nullptr, nullptr};
-        sws_scale(bgr24ToYuv, source, strides, 0, h, yuvPlanes, yuvStrides);
-        libyuv::RGB24ToI420(bgr24.constBits(), int(bgr24.bytesPerLine()), yuv2Planes[0], yuvStrides[0],
-                            yuv2Planes[1], yuvStrides[1], yuv2Planes[2], yuvStrides[2], w, h);
-    }
-    std::printf("  largest difference, swscale to libyuv: BGR24 %d, Y %d, U and V %d levels\n",
-                largestDifference(bgr24.constBits(), yuvBgr24.constBits(), size_t(bgr24.sizeInBytes())),
+    sws_scale(bgr0ToYuv, bgr0Planes, bgr0Strides, 0, h, yuvPlanes, yuvStrides);
+    libyuv::ARGBToI420(bgr0.data(), w * 4, yuv2Planes[0], yuvStrides[0], yuv2Planes[1], yuvStrides[1],
+                       yuv2Planes[2], yuvStrides[2], w, h);
+    std::printf("  largest difference, swscale to libyuv: Y %d, U and V %d levels\n",
                 largestDifference(yuv.data(), yuv2.data(), size_t(w) * size_t(h)),
                 largestDifference(yuvPlanes[1], yuv2Planes[1], size_t(w) * size_t(h) / 2));
 
     // The preview: a 640x360 view of the image on an RGB32 surface.
+    const QImage rgb32(bgr0.data(), w, h, w * 4, QImage::Format_RGB32);
     const QSize view(640, 360);
     QImage surface(view, QImage::Format_RGB32);
     const auto draw = [&surface](const QImage& image, const QRect& target) {
@@ -183,31 +207,20 @@ int main(int argc, char** argv)
         painter.drawImage(target, image);
     };
     const double d = millisecondsPerFrame(frames, [&](int) {
-        const QImage scaled = bgr24.scaled(view, Qt::KeepAspectRatio, Qt::FastTransformation);
+        const QImage scaled = rgb32.scaled(view, Qt::KeepAspectRatio, Qt::FastTransformation);
         draw(scaled, scaled.rect());
     });
-    std::printf("  preview: BGR888 scaled, then drawn     %7.2f\n", d);
-    const double e = millisecondsPerFrame(frames, [&](int) { draw(bgr24, surface.rect()); });
-    std::printf("  preview: BGR888 scaled while drawn     %7.2f\n", e);
-    const double f = millisecondsPerFrame(frames, [&](int) {
-        const QImage scaled =
-            bgr24.scaled(view, Qt::KeepAspectRatio, Qt::FastTransformation).convertToFormat(QImage::Format_RGB32);
-        Q_UNUSED(scaled)
-    });
-    QImage ownView(bgr24.size().scaled(view, Qt::KeepAspectRatio), QImage::Format_RGB32);
-    const double h2 = millisecondsPerFrame(frames, [&](int) { orvane::scaleToRgb32(bgr24, ownView); });
-    std::printf("  preview: BufferView's own scaling      %7.2f\n", h2);
-    const QImage rgb32View = bgr24.scaled(view, Qt::KeepAspectRatio).convertToFormat(QImage::Format_RGB32);
-    const double g = millisecondsPerFrame(frames, [&](int) { draw(rgb32View, rgb32View.rect()); });
-    std::printf("  preview: scaled to RGB32 once, drawn   %7.2f + %.2f a paint\n", f, g);
-    const double i = millisecondsPerFrame(frames, [&](int) {
-        const QImage copy = bgr24.copy(QRect(0, 0, w * 2 / 3, h * 2 / 3));
-        Q_UNUSED(copy)
-    });
-    std::printf("  region copy (2/3 size)                 %7.2f\n", i);
+    std::printf("  preview: Qt scaled, then drawn         %7.2f\n", d);
+    const double e = millisecondsPerFrame(frames, [&](int) { draw(rgb32, surface.rect()); });
+    std::printf("  preview: scaled while drawn            %7.2f\n", e);
+    QImage ownView(rgb32.size().scaled(view, Qt::KeepAspectRatio), QImage::Format_RGB32);
+    const double h2 = millisecondsPerFrame(frames, [&](int) { orvane::scaleToRgb32(rgb32, ownView); });
+    const double g = millisecondsPerFrame(frames, [&](int) { draw(ownView, ownView.rect()); });
+    std::printf("  preview: BufferView's own scaling      %7.2f + %.2f a paint\n", h2, g);
 
     sws_freeContext(toBgr24);
     sws_freeContext(bgr24ToYuv);
     sws_freeContext(bgr0ToYuv);
+    sws_freeContext(fromRgb565);
     return 0;
 }

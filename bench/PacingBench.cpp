@@ -71,7 +71,7 @@ int main(int argc, char** argv)
     // 30 images a second, each a little different, from a thread of its own.
     std::atomic<bool> running{true};
     std::thread producer([&] {
-        QImage image(pictureSize, QImage::Format_BGR888);
+        QImage image(pictureSize, QImage::Format_RGB32);
         int n = 0;
         while (running) {
             image.fill(QColor::fromHsv(n++ % 360, 200, 200));

@@ -1,5 +1,6 @@
 #include "VideoWorker.h"
 
+#include "FrameFitter.h"
 #include "OpenInput.h"
 #include "Platform.h"
 #include "pipeline/Logging.h"
@@ -8,8 +9,6 @@
 #include <QSysInfo>
 #include <QtDebug>
 
-#include <array>
-#include <atomic>
 #include <exception>
 
 extern "C" {
@@ -17,10 +16,8 @@ extern "C" {
 #include <libavdevice/avdevice.h>
 #include <libavformat/avformat.h>
 #include <libavutil/hwcontext.h>
+#include <libswscale/swscale.h>
 }
-
-#include <libyuv/convert_from_argb.h>
-#include <libyuv/planar_functions.h>
 
 namespace orvane {
 
@@ -30,68 +27,31 @@ namespace {
 
 constexpr DecodeLog decodeLog{"Error sending a packet for decoding: ", true, "Error during decoding", false};
 
-// Converts rows of a grabbed format into BGR24, with libyuv's signature.
-struct RowConverter
-{
-    int (*convert)(const uint8_t* source, int sourceStride, uint8_t* destination,
-                   int destinationStride, int width, int height) = nullptr;
-    int bytesPerPixel = 0;
-};
-
-int copyBgr24(const uint8_t* source, int sourceStride, uint8_t* destination, int destinationStride,
-              int width, int height)
-{
-    libyuv::CopyPlane(source, sourceStride, destination, destinationStride, width * 3, height);
-    return 0;
-}
-
-// libyuv names a format by its little-endian word: its ARGB is BGR0 or BGRA
-// in memory, its RGB24 is BGR24 and its RAW is RGB24, so the byte-swapping
-// ARGBToRAW turns RGB0 into BGR24.
-RowConverter rowConverter(int format)
+// The 32-bit layouts that go straight to the fitter; swscale turns any other
+// format into RGB32 first.
+bool isDirect(int format, PixelLayout* layout = nullptr)
 {
     switch (format) {
     case AV_PIX_FMT_BGR0:
     case AV_PIX_FMT_BGRA:
-        return {libyuv::ARGBToRGB24, 4};
+        if (layout)
+            *layout = PixelLayout::bgrx;
+        return true;
     case AV_PIX_FMT_RGB0:
     case AV_PIX_FMT_RGBA:
-        return {libyuv::ARGBToRAW, 4};
-    case AV_PIX_FMT_BGR24:
-        return {copyBgr24, 3};
+        if (layout)
+            *layout = PixelLayout::rgbx;
+        return true;
     default:
-        return {};
+        return false;
     }
 }
 
-// Turns decoded frames into the images handed on: of exactly the region's
-// size, parts outside the screen black. The pixels go straight from the
-// frame into a buffer that no consumer holds any longer, so a handed-over
-// picture is never written again, and neither a copy nor a new buffer is
-// needed per frame while the consumers let go of older pictures in time.
-class FrameFitter
+void releaseFrame(void* frame)
 {
-public:
-    // Where the grabbed part lies in the region's image; null when the
-    // grabber delivers the whole screen, out of which the region is cut.
-    static QRect placement(const QRectF& screen, const QRect& region, const QRectF& grabbed);
-
-    FrameFitter(const QRect& region, const QRect& place);
-    // A null image when the frame's format has no converter or no buffer can
-    // be had.
-    QImage fit(const AVFrame& frame);
-
-private:
-    QImage* buffer(QSize size, const QRect& written);
-
-    const QRect region;
-    const QRect place;
-    // Enough for the one being written, the newest (the encoder's and the
-    // preview's) and an older one the encoder still converts or a paint
-    // still scales. Only when both read older ones at once is another made.
-    std::array<QImage, 3> buffers;
-    size_t next = 0;
-};
+    auto* held = static_cast<AVFrame*>(frame);
+    av_frame_free(&held);
+}
 
 } // namespace
 
@@ -104,7 +64,11 @@ struct VideoInput : CaptureInput
         , grabbed(platform::grabArea(device.geometry, region))
     {
     }
-    ~VideoInput() { av_dict_free(&options); }
+    ~VideoInput()
+    {
+        av_dict_free(&options);
+        sws_freeContext(converter);
+    }
 
     bool selectInput();
     QByteArray buildGrabGraph() const;
@@ -114,6 +78,10 @@ struct VideoInput : CaptureInput
     const QRect region;
     const QRectF grabbed;  // the part of the desktop the grabber delivers
     AVDictionary* options = nullptr;
+    // Formats other than the direct ones: the converter and the whole
+    // picture in RGB32, both made at the first such frame.
+    SwsContext* converter = nullptr;
+    QImage converted;
 };
 
 QByteArray VideoInput::buildGrabGraph() const
@@ -174,7 +142,7 @@ bool VideoInput::selectInput()
             return false;
     }
 
-    if (!rowConverter(codecContext->pix_fmt).convert) {
+    if (!isDirect(codecContext->pix_fmt) && !sws_isSupportedInput(codecContext->pix_fmt)) {
         qCWarning(lcScreenReel) << "unable to convert the picture of device [" << device.name << "]";
         return false;
     }
@@ -182,75 +150,41 @@ bool VideoInput::selectInput()
     return true;
 }
 
-QRect FrameFitter::placement(const QRectF& screen, const QRect& region, const QRectF& grabbed)
+// The region's image out of a decoded frame. A frame that already is that
+// image is handed on as it is, holding a reference to its buffer: the
+// grabber takes a new buffer for each frame while one is held, so the image
+// never changes. Any other frame is copied or converted into the fitter's
+// images.
+QImage takeFrame(VideoInput& in, FrameFitter& fitter, const AVFrame& frame)
 {
-    if (grabbed == screen)
-        return {};
-    return QRect((grabbed.topLeft() - screen.topLeft()).toPoint() - region.topLeft(), grabbed.size().toSize());
-}
-
-FrameFitter::FrameFitter(const QRect& region, const QRect& place)
-    : region(region)
-    , place(place)
-{
-}
-
-QImage FrameFitter::fit(const AVFrame& frame)
-{
-    const RowConverter convert = rowConverter(frame.format);
-    const QSize frameSize(frame.width, frame.height);
-    if (!convert.convert || frameSize.isEmpty())
-        return QImage();
-    // The whole screen: the image follows the frame, so nothing is written
-    // beyond it even when the screen changes its size, and the region is cut
-    // out of it. A grabbed part of the region: the frame goes to its place in
-    // an image of the region's size, the rest of which stays black.
-    const bool whole = place.isNull();
-    const QSize size = whole ? frameSize : region.size();
-    const QRect target = whole ? QRect(QPoint(), size) : QRect(place.topLeft(), frameSize) & QRect(QPoint(), size);
-    QImage* image = buffer(size, target);
-    if (!image)
-        return QImage();
-    if (!target.isEmpty()) {
-        const QPoint from = whole ? QPoint() : target.topLeft() - place.topLeft();
-        const uint8_t* source = frame.data[0] + ptrdiff_t(from.y()) * frame.linesize[0] + from.x() * convert.bytesPerPixel;
-        uint8_t* destination = image->bits() + ptrdiff_t(target.y()) * image->bytesPerLine() + target.x() * 3;
-        convert.convert(source, frame.linesize[0], destination, int(image->bytesPerLine()), target.width(),
-                target.height());
-    }
-    // An image of the region's size is handed on whole, shared, whatever
-    // the region's position says.
-    return region.size() == image->size() ? *image : image->copy(region);
-}
-
-QImage* FrameFitter::buffer(QSize size, const QRect& written)
-{
-    QImage* empty = nullptr;
-    for (QImage& image : buffers) {
-        if (image.size() != size) {
-            image = QImage();
-            if (!empty)
-                empty = &image;
-        } else if (image.isDetached()) {
-            // Its last consumer has let go: what that one read happens before
-            // what is written now. (ThreadSanitizer models no fences, and it
-            // does not see the writes, which libyuv makes.)
-#ifndef __SANITIZE_THREAD__
-            std::atomic_thread_fence(std::memory_order_acquire);
-#endif
-            return &image;
+    Picture picture{frame.data[0], frame.linesize[0], QSize(frame.width, frame.height)};
+    if (isDirect(frame.format, &picture.layout)) {
+        if (frame.buf[0] && fitter.isImage(picture)) {
+            AVFrame* held = av_frame_clone(&frame);
+            if (!held)
+                return QImage();
+            // Read-only: a consumer that wrote to it would get a copy.
+            const QImage image(static_cast<const uchar*>(frame.data[0]), frame.width, frame.height,
+                               frame.linesize[0], QImage::Format_RGB32, releaseFrame, held);
+            if (image.isNull())
+                av_frame_free(&held);
+            return image;
         }
+        return fitter.fit(picture);
     }
-    // None free: a new buffer takes an empty place, or that of a held one,
-    // whose holders keep their picture.
-    QImage* slot = empty ? empty : &buffers[next++ % buffers.size()];
-    *slot = QImage(size, QImage::Format_BGR888);
-    if (slot->isNull())
-        return nullptr;
-    // What the frames never cover stays black; the rest is written anyway.
-    if (written != slot->rect())
-        slot->fill(0);
-    return slot;
+    if (picture.size.isEmpty())
+        return QImage();
+    in.converter = sws_getCachedContext(in.converter, frame.width, frame.height, AVPixelFormat(frame.format),
+                                        frame.width, frame.height, AV_PIX_FMT_BGRA, SWS_POINT, nullptr, nullptr,
+                                        nullptr);
+    if (in.converted.size() != picture.size)
+        in.converted = QImage(picture.size, QImage::Format_RGB32);
+    if (!in.converter || in.converted.isNull())
+        return QImage();
+    uint8_t* planes[4] = {in.converted.bits(), nullptr, nullptr, nullptr};
+    const int strides[4] = {int(in.converted.bytesPerLine()), 0, 0, 0};
+    sws_scale(in.converter, frame.data, frame.linesize, 0, frame.height, planes, strides);
+    return fitter.fit({in.converted.constBits(), int(in.converted.bytesPerLine()), picture.size, PixelLayout::bgrx});
 }
 
 VideoWorker::VideoWorker(const VideoDevice& device, const QRect& region, Pipeline* pipeline)
@@ -290,7 +224,7 @@ void VideoWorker::run()
         FrameFitter fitter(in.region, FrameFitter::placement(in.device.geometry, in.region, in.grabbed));
         // Made once: the loop runs for every packet.
         const std::function<bool(const AVFrame&)> take = [&](const AVFrame& frame) {
-            const QImage out = fitter.fit(frame);
+            const QImage out = takeFrame(in, fitter, frame);
             if (out.isNull()) {
                 qCWarning(lcScreenReel) << "Unable to create frame";
                 return false;

@@ -13,8 +13,9 @@ namespace orvane {
 struct VideoInput;
 
 // Grabs the screen of a VideoDevice, cuts out the region and hands each frame
-// on as a QImage of Format_BGR888 of exactly the region's size. The input is
-// opened in the constructor; a failed open leaves the worker invalid.
+// on as a QImage of Format_RGB32 of exactly the region's size, whose pixels
+// are never written after it is handed on. The input is opened in the
+// constructor; a failed open leaves the worker invalid.
 class VideoWorker : PartThread, public Source
 {
     Q_OBJECT

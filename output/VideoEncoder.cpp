@@ -49,16 +49,16 @@ void encodeVideoStep(MuxerOutput& output)
             arrived = output.imageArrived;
         }
     }
-    // An image of another size than the picture would be read past its end;
-    // the producer guarantees the size, so one that differs is dropped and
-    // the last picture stands again.
-    const bool converted = !image.isNull() && image.size() == output.size;
+    // An image of another size than the picture would be read past its end,
+    // one of another format misread; the producer guarantees both, so one
+    // that differs is dropped and the last picture stands again.
+    const bool converted = !image.isNull() && image.size() == output.size && image.format() == QImage::Format_RGB32;
     if (converted) {
-        // libyuv's RGB24 is BGR24 in memory; BT.601, limited range.
+        // libyuv's ARGB is RGB32's BGRx in memory; BT.601, limited range.
         AVFrame* frame = output.videoFrame;
-        libyuv::RGB24ToI420(image.constBits(), int(image.bytesPerLine()), frame->data[0],
-                            frame->linesize[0], frame->data[1], frame->linesize[1], frame->data[2],
-                            frame->linesize[2], image.width(), image.height());
+        libyuv::ARGBToI420(image.constBits(), int(image.bytesPerLine()), frame->data[0],
+                           frame->linesize[0], frame->data[1], frame->linesize[1], frame->data[2],
+                           frame->linesize[2], image.width(), image.height());
     }
     output.videoFrame->pts = int64_t(++output.videoFrameCount);
     if (converted)

@@ -6,9 +6,7 @@
 #include <QPen>
 #include <QTransform>
 #include <QtDebug>
-#include <QtEndian>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -20,30 +18,17 @@ void scaleToRgb32(const QImage& from, QImage& to)
     const int width = to.width(), height = to.height();
     if (width <= 0 || height <= 0 || sourceWidth <= 0 || sourceHeight <= 0)
         return;
-    // The byte offset of each column's source pixel. Up to the last source
-    // pixel of a line, four bytes are read at once: blue, green, red in the
-    // low three, as RGB32 has them, and the next pixel's first byte, which
-    // the opaque alpha replaces.
     std::vector<int> columns(size_t(width), 0);
-    int wholeWords = 0;
-    for (int x = 0; x < width; ++x) {
-        const int column = int((int64_t(2 * x + 1) * sourceWidth) / (2 * int64_t(width)));
-        columns[size_t(x)] = column * 3;
-        wholeWords += column < sourceWidth - 1;
-    }
+    for (int x = 0; x < width; ++x)
+        columns[size_t(x)] = int((int64_t(2 * x + 1) * sourceWidth) / (2 * int64_t(width)));
     for (int y = 0; y < height; ++y) {
-        const uchar* source = from.constScanLine(int((int64_t(2 * y + 1) * sourceHeight) / (2 * int64_t(height))));
+        const auto* source = reinterpret_cast<const quint32*>(
+            from.constScanLine(int((int64_t(2 * y + 1) * sourceHeight) / (2 * int64_t(height)))));
         auto* line = reinterpret_cast<quint32*>(to.scanLine(y));
-        int x = 0;
-        for (; x < wholeWords; ++x) {
-            quint32 word;
-            std::memcpy(&word, source + columns[size_t(x)], sizeof word);
-            line[x] = qFromLittleEndian(word) | 0xff000000u;
-        }
-        for (; x < width; ++x) {
-            const uchar* pixel = source + columns[size_t(x)];
-            line[x] = qRgb(pixel[2], pixel[1], pixel[0]);
-        }
+        // The grabber's padding byte may be anything: the window gets opaque
+        // pixels.
+        for (int x = 0; x < width; ++x)
+            line[x] = source[columns[size_t(x)]] | 0xff000000u;
     }
 }
 
@@ -118,16 +103,20 @@ void BufferView::paintEvent(QPaintEvent*)
         qInfo() << "no image to draw";
         return;
     }
-    // Scaled into the window's format once per image and size: painting that
-    // is a plain copy, where a BGR888 image would be converted at every paint.
-    if (image.cacheKey() != shownKey || size() != shownFor) {
+    // Scaled once per image and size: painting that is a plain copy, where
+    // a scaling paint would redo the work at every expose.
+    const qint64 key = image.cacheKey();
+    if (key != shownKey || size() != shownFor) {
+        // The video thread hands RGB32 over; anything else is made so here.
+        if (image.format() != QImage::Format_RGB32)
+            image = image.convertToFormat(QImage::Format_RGB32);
         // The same buffer serves every image of a size: no new pages per image.
         const QSize scaled = image.size().scaled(size(), Qt::KeepAspectRatio);
         if (shown.size() != scaled)
             shown = QImage(scaled, QImage::Format_RGB32);
         if (!shown.isNull())
             scaleToRgb32(image, shown);
-        shownKey = image.cacheKey();
+        shownKey = key;
         shownFor = size();
     }
     if (shown.isNull())

@@ -13,10 +13,9 @@ namespace orvane {
 
 class BufferView;
 
-// Scales a BGR888 image into `to` (RGB32, of the size wanted) by nearest
-// pixel centres, as Qt::FastTransformation picks them. Reads only the pixels
-// it shows: a few times cheaper than a QPainter going through Qt's generic
-// format path.
+// Scales an RGB32 image into `to` (RGB32, of the size wanted) by nearest
+// pixel centres, as Qt::FastTransformation picks them, every pixel opaque.
+// Reads only the pixels it shows.
 void scaleToRgb32(const QImage& from, QImage& to);
 
 // Where the video thread drops images for the preview. Producers hold it by

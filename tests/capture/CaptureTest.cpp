@@ -7,6 +7,7 @@
 #include "pipeline/Pipeline.h"
 
 #include <QCursor>
+#include <QProcess>
 #include <QPainter>
 #include <QRasterWindow>
 #include <QtTest>
@@ -33,8 +34,7 @@ class Scene : public QRasterWindow
     }
 };
 
-// Keeps the newest image. A new one in the buffer of the image it still
-// holds would be a handed-over image written again.
+// Keeps the fifth image.
 class Keeper : public Target
 {
 public:
@@ -49,13 +49,14 @@ public:
         // but another clock or none would be years off.
         const int64_t age = av_gettime() - captured;
         mistimed += age < 0 || age > 60000000;
-        rewritten += image.constBits() == latest.constBits();
-        latest = image;
-        ++count;
+        if (++count == 5)
+            held = image;
+        changed = count > 5 && image != held;
     }
-    QImage latest;  // the video thread's until it has ended
+    QImage held;  // the video thread's until it has ended
     std::atomic<int> count{0};
-    int rewritten = 0, mistimed = 0;
+    std::atomic<bool> changed{false};  // the newest image differs from the fifth
+    int mistimed = 0;
 };
 
 } // namespace
@@ -162,14 +163,16 @@ private slots:
     {
         QTest::addColumn<QRect>("region");
         QTest::addColumn<QString>("corners");  // 10 px in from each: blacK, Red, Green, Blue, White
-        QTest::newRow("whole screen") << QRect(0, 0, 1920, 1080) << "RGBW";
-        QTest::newRow("across the centre") << QRect(900, 500, 120, 80) << "RGBW";
-        QTest::newRow("sticking out right and below: black outside") << QRect(1860, 1040, 120, 80) << "WKKK";
-        QTest::newRow("sticking out left and above") << QRect(-20, -20, 100, 100) << "KKKR";
-        QTest::newRow("wholly off the screen: black") << QRect(1920, 0, 100, 100) << "KKKK";
-        QTest::newRow("screen's size elsewhere: neither cut nor moved") << QRect(100, 100, 1920, 1080) << "RGBW";
+        QTest::addColumn<int>("depth");  // 16: a white display of 320x240, grabbed in no 32-bit layout
+        QTest::newRow("whole screen") << QRect(0, 0, 1920, 1080) << "RGBW" << 24;
+        QTest::newRow("across the centre") << QRect(900, 500, 120, 80) << "RGBW" << 24;
+        QTest::newRow("sticking out right and below: black outside") << QRect(1860, 1040, 120, 80) << "WKKK" << 24;
+        QTest::newRow("sticking out left and above") << QRect(-20, -20, 100, 100) << "KKKR" << 24;
+        QTest::newRow("wholly off the screen: black") << QRect(1920, 0, 100, 100) << "KKKK" << 24;
+        QTest::newRow("screen's size elsewhere: neither cut nor moved") << QRect(100, 100, 1920, 1080) << "RGBW" << 24;
+        QTest::newRow("16 bits, converted, sticking out") << QRect(300, 200, 40, 60) << "WKKK" << 16;
         // A screen larger than the display: the grabber refuses it.
-        QTest::newRow("refused") << QRect(0, 0, 4000, 3000) << "";
+        QTest::newRow("refused") << QRect(0, 0, 4000, 3000) << "" << 24;
     }
     // The grabber is asked for the region's part of its screen only, so that a
     // small region costs little; a region of the screen's size, for the whole.
@@ -182,12 +185,22 @@ private slots:
     }
 
     // What each region shows, cut from the screen as it is grabbed, each image
-    // in a buffer of its own and stamped with its capture time.
+    // in a buffer of its own that the grabber's next frames leave alone, and
+    // stamped with its capture time.
     void regions()
     {
         QFETCH(QRect, region);
         QFETCH(QString, corners);
+        QFETCH(int, depth);
         VideoDevice screen = device;
+        QProcess xvfb;
+        const QByteArray display = qgetenv("DISPLAY");
+        if (depth == 16) {
+            xvfb.start("Xvfb", {"-displayfd", "1", "-screen", "0", "320x240x16", "-wr", "-nolisten", "tcp", "-noreset"});
+            QVERIFY(xvfb.waitForReadyRead(10000));
+            qputenv("DISPLAY", ":" + xvfb.readAllStandardOutput().trimmed());
+            screen.geometry = QRectF(0, 0, 320, 240);
+        }
         if (corners.isEmpty()) {
             screen.geometry = region;
             QTest::ignoreMessage(QtWarningMsg, "unable to open device [ \"Quadrants\" ]");
@@ -195,6 +208,7 @@ private slots:
         QTest::ignoreMessage(QtDebugMsg, "Falling back to gdigrab because d3d11va is not available...");
         Pipeline pipeline(nullptr, nullptr);
         pipeline.video = std::make_unique<VideoWorker>(screen, region, &pipeline);
+        qputenv("DISPLAY", display);
         auto* target = new Keeper(&pipeline);
         pipeline.target.reset(target);
         QCOMPARE(pipeline.video->videoSize(), corners.isEmpty() ? QSize(0, 0) : region.size());
@@ -202,11 +216,17 @@ private slots:
         if (corners.isEmpty())
             return;
         QTRY_VERIFY_WITH_TIMEOUT(target->count >= 10, 30000);
+        // The screen turns black; the image handed over before does not.
+        scene.setVisible(corners == "KKKK" || depth == 16);
+        QTRY_VERIFY_WITH_TIMEOUT(target->changed || scene.isVisible(), 30000);
         pipeline.stop();
-        QCOMPARE(target->rewritten, 0);
+        xvfb.terminate();
+        xvfb.waitForFinished();
+        scene.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&scene));
         QCOMPARE(target->mistimed, 0);
-        const QImage& image = target->latest;
-        QCOMPARE(image.format(), QImage::Format_BGR888);
+        const QImage& image = target->held;
+        QCOMPARE(image.format(), QImage::Format_RGB32);
         QCOMPARE(image.size(), region.size());
         const QColor colours[] = {Qt::black, Qt::red, Qt::green, Qt::blue, Qt::white};
         const int right = image.width() - 11, bottom = image.height() - 11;

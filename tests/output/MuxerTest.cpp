@@ -23,7 +23,7 @@ namespace {
 // R, G, B or W all over; N noise, which encodes to large packets.
 QImage picture(const QSize& size, QChar name)
 {
-    QImage image(size, QImage::Format_BGR888);
+    QImage image(size, QImage::Format_RGB32);
     image.fill(name == 'R' ? Qt::red : name == 'G' ? Qt::green : name == 'W' ? Qt::white : Qt::blue);
     if (name == 'N')
         QRandomGenerator::global()->fillRange(reinterpret_cast<quint32*>(image.bits()), image.sizeInBytes() / 4);

@@ -63,7 +63,7 @@ private:
                 name == "target" ? Target::abort() : Source::abort();
             }
             if (name == "video")
-                pushImage(QImage(8, 6, QImage::Format_BGR888), noCaptureTime);
+                pushImage(QImage(8, 6, QImage::Format_RGB32), noCaptureTime);
         }
         msleep(name == "target" ? script.targetEndsMs : 0);
     }

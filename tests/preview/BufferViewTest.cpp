@@ -16,10 +16,11 @@ QImage shot(QWidget& view)
     return view.grab().toImage().convertToFormat(QImage::Format_RGB32);
 }
 
+// With a zero padding byte, as a grabber may give: shown opaque all the same.
 QImage green(QSize size)
 {
-    QImage image(size, QImage::Format_BGR888);
-    image.fill(Qt::green);
+    QImage image(size, QImage::Format_RGB32);
+    image.fill(0x0000ff00u);
     return image;
 }
 

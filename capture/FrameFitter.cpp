@@ -1,0 +1,93 @@
+#include "FrameFitter.h"
+
+#include <atomic>
+
+#include <libyuv/convert_argb.h>
+
+namespace orvane {
+
+QRect FrameFitter::placement(const QRectF& screen, const QRect& region, const QRectF& grabbed)
+{
+    if (grabbed == screen)
+        return {};
+    return QRect((grabbed.topLeft() - screen.topLeft()).toPoint() - region.topLeft(), grabbed.size().toSize());
+}
+
+FrameFitter::FrameFitter(const QRect& region, const QRect& place)
+    : region(region)
+    , place(place)
+{
+}
+
+bool FrameFitter::isImage(const Picture& picture) const
+{
+    // A whole screen of the region's size is the region, wherever the region
+    // says it lies: it is handed on whole, neither cut nor moved.
+    const bool placed = place.isNull() ? picture.size == region.size()
+                                       : place == QRect(QPoint(), region.size()) && picture.size == region.size();
+    return placed && picture.layout == PixelLayout::bgrx && picture.stride >= picture.size.width() * 4
+        && picture.stride % 4 == 0 && reinterpret_cast<uintptr_t>(picture.data) % 4 == 0;
+}
+
+QImage FrameFitter::fit(const Picture& picture)
+{
+    if (picture.size.isEmpty() || !picture.data)
+        return QImage();
+    // The whole screen lies so that the region's corner is the image's.
+    const QRect from = place.isNull() ? QRect(-region.topLeft(), picture.size) : QRect(place.topLeft(), picture.size);
+    const QRect target = from & QRect(QPoint(), region.size());
+    QImage* image = buffer(target);
+    if (!image)
+        return QImage();
+    if (!target.isEmpty()) {
+        const QPoint offset = target.topLeft() - from.topLeft();
+        const uint8_t* source = picture.data + ptrdiff_t(offset.y()) * picture.stride + offset.x() * 4;
+        uint8_t* destination = image->bits() + ptrdiff_t(target.y()) * image->bytesPerLine() + target.x() * 4;
+        // libyuv names a layout by its little-endian word: its ARGB is BGRx
+        // in memory, its ABGR is RGBx.
+        const auto copy = picture.layout == PixelLayout::bgrx ? libyuv::ARGBCopy : libyuv::ABGRToARGB;
+        copy(source, picture.stride, destination, int(image->bytesPerLine()), target.width(), target.height());
+    }
+    return *image;
+}
+
+QImage* FrameFitter::buffer(const QRect& target)
+{
+    // Pictures of another size cover another part: every buffer starts black
+    // again.
+    if (target != written) {
+        buffers = {};
+        written = target;
+    }
+    for (QImage& image : buffers) {
+        if (!image.isNull() && image.isDetached()) {
+            // Its last consumer has let go: what that one read happens before
+            // what is written now. (ThreadSanitizer models no fences, and it
+            // does not see the writes, which libyuv makes.)
+#ifndef __SANITIZE_THREAD__
+            std::atomic_thread_fence(std::memory_order_acquire);
+#endif
+            return &image;
+        }
+    }
+    // None free: a new buffer takes an empty place, or that of a held one,
+    // whose holders keep their picture.
+    QImage* slot = nullptr;
+    for (QImage& image : buffers) {
+        if (image.isNull()) {
+            slot = &image;
+            break;
+        }
+    }
+    if (!slot)
+        slot = &buffers[next++ % buffers.size()];
+    *slot = QImage(region.size(), QImage::Format_RGB32);
+    if (slot->isNull())
+        return nullptr;
+    // What the pictures never cover stays black; the rest is written anyway.
+    if (target != slot->rect())
+        slot->fill(0xff000000u);
+    return slot;
+}
+
+} // namespace orvane
