@@ -2,6 +2,10 @@
 
 #include "Console.h"
 
+// Which input records the screens follows from the session alone: the
+// plug-in's own rule, header-only, not an interface of the plug-in.
+#include "capture/ScreenInput.h"
+
 #include <QCoreApplication>
 #include <QFileInfo>
 
@@ -59,7 +63,7 @@ bool Recorder::load(const QString& path, QTextStream& err)
 
 void Recorder::list(QTextStream& out)
 {
-    out << "Screens:" << Qt::endl;
+    out << "Screens (recorded " << orvane::screenInputText(orvane::currentScreenInput()) << "):" << Qt::endl;
     QList<QByteArray> seen;
     for (const auto& device : reel->videoDevices()) {
         if (seen.contains(device.screen))

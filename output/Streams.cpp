@@ -90,6 +90,13 @@ bool openStream(MuxerOutput& output, Track track)
         stream->time_base = AVRational{1, output.frameRate};
         context->gop_size = gopSize;
         context->pix_fmt = AV_PIX_FMT_YUV420P;
+        // libyuv converts with BT.601's matrix into the limited range. Said
+        // so in the stream: players assume BT.709 for an untagged HD picture
+        // (a browser then shows the green of the screen as 0,215,0).
+        context->colorspace = AVCOL_SPC_SMPTE170M;
+        context->color_range = AVCOL_RANGE_MPEG;
+        context->color_primaries = AVCOL_PRI_BT709;
+        context->color_trc = AVCOL_TRC_IEC61966_2_1;
         if (codec->id == AV_CODEC_ID_H264 || codec->id == AV_CODEC_ID_HEVC)
             av_opt_set(context->priv_data, "preset", "ultrafast", 0);
         // The encoder's threads share the slices of one frame rather than

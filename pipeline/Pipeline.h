@@ -62,6 +62,9 @@ public:
     const std::shared_ptr<PreviewFeed> preview;
 
 signals:
+    // The owner stops the recording while an input is still being opened
+    // (one that waits for the user in a system dialog): that input gives up.
+    void openingCancelled();
     void startedChanged();
     void stopedChanged();
     void recorded(std::chrono::milliseconds time);

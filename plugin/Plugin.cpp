@@ -3,7 +3,11 @@
 #include "SpyEvents.h"
 #include "capture/AudioWorker.h"
 #include "capture/Platform.h"
+#include "capture/ScreenInput.h"
 #include "capture/VideoWorker.h"
+#ifdef Q_OS_LINUX
+#include "capture/PortalVideoWorker.h"
+#endif
 #include "output/Muxer.h"
 #include "pipeline/Logging.h"
 #include "pipeline/Pipeline.h"
@@ -28,6 +32,16 @@ namespace {
 
 // The inputs as the host last listed them; outlives any one Plugin.
 QList<QAudioDeviceInfo> knownAudioDevices;
+
+// The input this session's screens are recorded through.
+std::unique_ptr<Source> videoSource(const VideoDevice& device, const QRect& region, Pipeline* pipeline)
+{
+#ifdef Q_OS_LINUX
+    if (currentScreenInput() == ScreenInput::Portal)
+        return std::make_unique<PortalVideoWorker>(device, region, pipeline);
+#endif
+    return std::make_unique<VideoWorker>(device, region, pipeline);
+}
 
 } // namespace
 
@@ -134,7 +148,11 @@ bool Plugin::start(const VideoDevice& video, const QRect& region,
     Pipeline* const current = pipeline.get();
     if (audio)
         current->audio = std::make_unique<AudioWorker>(*audio, current);
-    current->video = std::make_unique<VideoWorker>(video, region, current);
+    // The portal's input may wait for the user in the system's dialog, in a
+    // local event loop: a stop meanwhile cancels it, a start is refused.
+    opening = true;
+    current->video = videoSource(video, region, current);
+    opening = false;
     std::optional<AudioFormat> format;
     if (current->audio)
         format = current->audio->audioFormat();
@@ -166,6 +184,11 @@ void Plugin::stop()
 {
     if (!pipeline)
         return;
+    // start() ends the recording it is opening once the input gives up.
+    if (opening) {
+        emit pipeline->openingCancelled();
+        return;
+    }
     pipeline->stop();
     // On the GUI thread the stop's own signal has already deleted it.
     pipeline.reset();

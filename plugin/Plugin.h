@@ -54,6 +54,7 @@ private:
     BufferView* view = nullptr;          // owned; cleared when destroyed from outside
     QTimer* changeTimer = nullptr;       // debounces deviceChanged()
     quint64 recording = 0;               // number of the newest recording
+    bool opening = false;                // start() is opening the screen's input
 };
 
 } // namespace orvane

@@ -91,6 +91,10 @@ private slots:
     {
         QFETCH(QString, how);
         QFETCH(QString, says);
+        // PipeWire wakes a suspended sink at once while a stream records from
+        // it (its monitor goes on delivering, and so does a new stream's).
+        if (how == "suspended" && pactl({"info"}).contains("on PipeWire"))
+            QSKIP("a sink's monitor cannot be kept suspended on PipeWire");
         const QString module = pactl({"load-module", "module-null-sink", "sink_name=other"});
         const auto restore = qScopeGuard([&] {
             pactl({"unload-module", module});
@@ -117,7 +121,20 @@ private slots:
             QVERIFY(again.pipeline->audio->audioFormat() == AudioFormat{});
             QVERIFY(!again.pipeline->start());
         } else if (how == "moved") {
-            pactl({"move-source-output", QString::number(stream["index"].toInt()), "other.monitor"});
+            // pipewire-pulse now and then answers a move without making it
+            // (about one in six here); the user would ask again.
+            const QString index = QString::number(stream["index"].toInt());
+            // Of the line of `pactl list short <list>` whose column `key` is `value`.
+            const auto field = [](const QString& list, int key, const QString& value, int column) {
+                for (const QString& line : pactl({"list", "short", list}).split('\n'))
+                    if (line.section('\t', key, key) == value)
+                        return line.section('\t', column, column);
+                return QString();
+            };
+            const QString other = field("sources", 1, "other.monitor", 0);
+            for (QDeadlineTimer deadline(longWait); field("source-outputs", 0, index, 1) != other && !deadline.hasExpired(); QTest::qWait(500))
+                pactl({"move-source-output", index, "other.monitor"});
+            QCOMPARE(field("source-outputs", 0, index, 1), other);
             const qint64 at = r.target->samples;
             QTRY_VERIFY_WITH_TIMEOUT(r.target->samples > at + 48000, longWait);
             QCOMPARE(r.stopped.load(), 0);

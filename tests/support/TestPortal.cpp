@@ -1,0 +1,411 @@
+// screenreel-test-portal: a ScreenCast portal backend for tests, run beside
+// the real portal frontend on a private session bus. Each share is a
+// PipeWire video source painting a known picture: four quadrants, red,
+// green, blue and white; its top-left 64x4 pixels spell the buffer's pts
+// (CLOCK_MONOTONIC ns, most significant bit first, a white column for a 1)
+// and, unless still, a grey block moves along the bottom 8 rows. A control
+// object (org.screenreel.TestPortal) sets how the next dialog answers and
+// ends a share as a compositor would.
+//
+//   screenreel-test-portal [--monitor WxH+X+Y]
+
+#include <QtDBus>
+#include <QCoreApplication>
+#include <QRect>
+
+#include <pipewire/pipewire.h>
+#include <spa/param/video/format-utils.h>
+
+#include <atomic>
+#include <ctime>
+
+namespace {
+
+const QString busName = "org.freedesktop.impl.portal.desktop.screenreeltest";
+const QString vendor = "screenreeltest";
+
+struct Stream { uint node = 0; QVariantMap properties; };
+struct RestoreData { QString vendor; uint version = 0; QDBusVariant data; };
+
+QDBusArgument& operator<<(QDBusArgument& a, const Stream& s)
+{
+    a.beginStructure(); a << s.node << s.properties; a.endStructure(); return a;
+}
+const QDBusArgument& operator>>(const QDBusArgument& a, Stream& s)
+{
+    a.beginStructure(); a >> s.node >> s.properties; a.endStructure(); return a;
+}
+QDBusArgument& operator<<(QDBusArgument& a, const RestoreData& r)
+{
+    a.beginStructure(); a << r.vendor << r.version << r.data; a.endStructure(); return a;
+}
+const QDBusArgument& operator>>(const QDBusArgument& a, RestoreData& r)
+{
+    a.beginStructure(); a >> r.vendor >> r.version >> r.data; a.endStructure(); return a;
+}
+
+} // namespace
+
+Q_DECLARE_METATYPE(Stream)
+Q_DECLARE_METATYPE(QList<Stream>)
+Q_DECLARE_METATYPE(RestoreData)
+
+namespace {
+
+// The 32-bit pixel of a colour in one of the four layouts, as it lies in
+// memory on a little-endian machine.
+uint32_t pixel(spa_video_format format, uint8_t r, uint8_t g, uint8_t b)
+{
+    const bool rgb = format == SPA_VIDEO_FORMAT_RGBx || format == SPA_VIDEO_FORMAT_RGBA;
+    const bool alpha = format == SPA_VIDEO_FORMAT_BGRA || format == SPA_VIDEO_FORMAT_RGBA;
+    const uint32_t low = rgb ? r : b, high = rgb ? b : r;
+    return low | uint32_t(g) << 8 | high << 16 | (alpha ? 0xff000000u : 0);
+}
+
+// One shared monitor: a driving PipeWire stream, painting on the loop's
+// thread at 25 a second.
+struct Share
+{
+    pw_thread_loop* loop = nullptr;
+    pw_stream* stream = nullptr;
+    spa_hook listener{};
+    spa_source* timer = nullptr;
+    QSize size;
+    spa_video_format format = SPA_VIDEO_FORMAT_BGRx;
+    bool silent = false;
+    const std::atomic<bool>* still = nullptr;
+    bool sent = false;
+    uint64_t frame = 0;
+
+    static void onState(void* data, pw_stream_state, pw_stream_state state, const char*)
+    {
+        auto* self = static_cast<Share*>(data);
+        if (state == PW_STREAM_STATE_STREAMING) {
+            timespec first{0, 1}, interval{0, 40 * SPA_NSEC_PER_MSEC};
+            pw_loop_update_timer(pw_thread_loop_get_loop(self->loop), self->timer, &first, &interval, false);
+        } else {
+            pw_loop_update_timer(pw_thread_loop_get_loop(self->loop), self->timer, nullptr, nullptr, false);
+            self->sent = false;
+        }
+        pw_thread_loop_signal(self->loop, false);
+    }
+
+    static void onParam(void* data, uint32_t id, const spa_pod* param)
+    {
+        auto* self = static_cast<Share*>(data);
+        if (!param || id != SPA_PARAM_Format)
+            return;
+        const int stride = self->size.width() * 4;
+        uint8_t bytes[1024];
+        spa_pod_builder b = SPA_POD_BUILDER_INIT(bytes, sizeof(bytes));
+        const spa_pod* params[] = {
+            static_cast<const spa_pod*>(spa_pod_builder_add_object(&b, SPA_TYPE_OBJECT_ParamBuffers, SPA_PARAM_Buffers,
+                SPA_PARAM_BUFFERS_buffers, SPA_POD_CHOICE_RANGE_Int(4, 2, 8),
+                SPA_PARAM_BUFFERS_blocks, SPA_POD_Int(1),
+                SPA_PARAM_BUFFERS_size, SPA_POD_Int(stride * self->size.height()),
+                SPA_PARAM_BUFFERS_stride, SPA_POD_Int(stride),
+                SPA_PARAM_BUFFERS_dataType, SPA_POD_CHOICE_FLAGS_Int(1 << SPA_DATA_MemFd))),
+            static_cast<const spa_pod*>(spa_pod_builder_add_object(&b, SPA_TYPE_OBJECT_ParamMeta, SPA_PARAM_Meta,
+                SPA_PARAM_META_type, SPA_POD_Id(SPA_META_Header),
+                SPA_PARAM_META_size, SPA_POD_Int(sizeof(spa_meta_header)))),
+        };
+        pw_stream_update_params(self->stream, params, 2);
+    }
+
+    static void onTimer(void* data, uint64_t)
+    {
+        auto* self = static_cast<Share*>(data);
+        if (!self->silent && !(self->still->load() && self->sent))
+            pw_stream_trigger_process(self->stream);
+    }
+
+    static void onProcess(void* data)
+    {
+        auto* self = static_cast<Share*>(data);
+        pw_buffer* buffer = pw_stream_dequeue_buffer(self->stream);
+        if (!buffer)
+            return;
+        spa_data& d = buffer->buffer->datas[0];
+        if (d.data) {
+            timespec now;
+            clock_gettime(CLOCK_MONOTONIC, &now);
+            const uint64_t pts = SPA_TIMESPEC_TO_NSEC(&now);
+            self->paint(static_cast<uint8_t*>(d.data), !buffer->user_data, pts);
+            buffer->user_data = self;  // its quadrants are painted
+            if (auto* h = static_cast<spa_meta_header*>(spa_buffer_find_meta_data(buffer->buffer, SPA_META_Header, sizeof(spa_meta_header)))) {
+                *h = spa_meta_header{};
+                h->pts = int64_t(pts);
+                h->seq = self->frame;
+            }
+            d.chunk->offset = 0;
+            d.chunk->stride = self->size.width() * 4;
+            d.chunk->size = d.chunk->stride * self->size.height();
+            self->sent = true;
+            ++self->frame;
+        }
+        pw_stream_queue_buffer(self->stream, buffer);
+    }
+
+    // The quadrants only into a buffer that never had them.
+    void paint(uint8_t* data, bool whole, uint64_t pts)
+    {
+        const int w = size.width(), h = size.height();
+        const auto row = [&](int y) { return reinterpret_cast<uint32_t*>(data + size_t(y) * w * 4); };
+        const uint32_t black = pixel(format, 0, 0, 0), white = pixel(format, 255, 255, 255);
+        if (whole) {
+            const uint32_t colours[] = {pixel(format, 255, 0, 0), pixel(format, 0, 255, 0), pixel(format, 0, 0, 255), white};
+            for (int y = 0; y < h; ++y)
+                for (int x = 0; x < w; ++x)
+                    row(y)[x] = colours[(y >= h / 2) * 2 + (x >= w / 2)];
+        }
+        for (int y = 0; y < 4; ++y)
+            for (int x = 0; x < 64; ++x)
+                row(y)[x] = pts >> (63 - x) & 1 ? white : black;
+        if (still->load())
+            return;
+        const uint32_t grey = pixel(format, 128, 128, 128);
+        const int block = int(frame * 16 % uint64_t(w));
+        for (int y = h - 8; y < h; ++y)
+            for (int x = 0; x < w; ++x)
+                row(y)[x] = x >= block && x < block + 64 ? grey : black;
+    }
+
+    // Connected and given a node id, or null.
+    static Share* create(pw_thread_loop* loop, pw_core* core, QSize size, spa_video_format format, bool silent,
+                         const std::atomic<bool>* still)
+    {
+        static const pw_stream_events events{PW_VERSION_STREAM_EVENTS, nullptr, onState, nullptr, nullptr, onParam,
+                                             nullptr, nullptr, onProcess, nullptr, nullptr, nullptr};
+        auto* self = new Share{loop, nullptr, {}, nullptr, size, format, silent, still};
+        pw_thread_loop_lock(loop);
+        self->timer = pw_loop_add_timer(pw_thread_loop_get_loop(loop), onTimer, self);
+        self->stream = pw_stream_new(core, "screenreel-test-monitor",
+                                     pw_properties_new(PW_KEY_MEDIA_CLASS, "Video/Source", nullptr));
+        pw_stream_add_listener(self->stream, &self->listener, &events, self);
+        uint8_t bytes[1024];
+        spa_pod_builder b = SPA_POD_BUILDER_INIT(bytes, sizeof(bytes));
+        const spa_rectangle rect = SPA_RECTANGLE(uint32_t(size.width()), uint32_t(size.height()));
+        const spa_fraction none = SPA_FRACTION(0, 1), max = SPA_FRACTION(25, 1), least = SPA_FRACTION(1, 1);
+        const spa_pod* format_ = static_cast<const spa_pod*>(spa_pod_builder_add_object(&b,
+            SPA_TYPE_OBJECT_Format, SPA_PARAM_EnumFormat,
+            SPA_FORMAT_mediaType, SPA_POD_Id(SPA_MEDIA_TYPE_video),
+            SPA_FORMAT_mediaSubtype, SPA_POD_Id(SPA_MEDIA_SUBTYPE_raw),
+            SPA_FORMAT_VIDEO_format, SPA_POD_Id(format),
+            SPA_FORMAT_VIDEO_size, SPA_POD_Rectangle(&rect),
+            SPA_FORMAT_VIDEO_framerate, SPA_POD_Fraction(&none),
+            SPA_FORMAT_VIDEO_maxFramerate, SPA_POD_CHOICE_RANGE_Fraction(&max, &least, &max)));
+        // Like a compositor's: frames when there is something to show, at most 25 a second.
+        pw_stream_connect(self->stream, PW_DIRECTION_OUTPUT, PW_ID_ANY,
+                          pw_stream_flags(PW_STREAM_FLAG_DRIVER | PW_STREAM_FLAG_MAP_BUFFERS), &format_, 1);
+        while (pw_stream_get_node_id(self->stream) == SPA_ID_INVALID && pw_stream_get_state(self->stream, nullptr) != PW_STREAM_STATE_ERROR)
+            if (pw_thread_loop_timed_wait(loop, 5) != 0)
+                break;
+        const bool ok = pw_stream_get_node_id(self->stream) != SPA_ID_INVALID;
+        pw_thread_loop_unlock(loop);
+        if (!ok) {
+            destroy(self);
+            return nullptr;
+        }
+        return self;
+    }
+
+    static void destroy(Share* self)
+    {
+        if (!self)
+            return;
+        pw_thread_loop_lock(self->loop);
+        if (self->stream)
+            pw_stream_destroy(self->stream);
+        if (self->timer)
+            pw_loop_destroy_source(pw_thread_loop_get_loop(self->loop), self->timer);
+        pw_thread_loop_unlock(self->loop);
+        delete self;
+    }
+};
+
+class Backend;
+
+// org.freedesktop.impl.portal.Session: closed by the frontend, or ends itself.
+class Session : public QObject
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.impl.portal.Session")
+
+public:
+    Session(Backend* backend, const QString& path) : backend(backend), path(path) {}
+    ~Session() override { Share::destroy(share); }
+
+    Backend* backend;
+    const QString path;
+    Share* share = nullptr;
+    bool restored = false;  // the SelectSources brought restore data of ours
+    uint persist = 0;  // asked for: 1 while the client runs, 2 until revoked
+
+public slots:
+    void Close();
+
+signals:
+    void Closed();
+};
+
+// The ScreenCast implementation and the control object, sharing one state.
+class Backend : public QObject
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.impl.portal.ScreenCast")
+    Q_PROPERTY(uint AvailableSourceTypes READ sourceTypes CONSTANT)
+    Q_PROPERTY(uint AvailableCursorModes READ cursorModes CONSTANT)
+    Q_PROPERTY(uint version READ version CONSTANT)
+
+public:
+    Backend(const QRect& monitor, pw_thread_loop* loop, pw_core* core) : monitor(monitor), loop(loop), core(core) {}
+    uint sourceTypes() const { return 1; }     // monitors
+    uint cursorModes() const { return 1 | 2; } // hidden, embedded
+    uint version() const { return 4; }
+
+    const QRect monitor;
+    pw_thread_loop* const loop;
+    pw_core* const core;
+    QMap<QString, Session*> sessions;
+    QString answer = "share";
+    QString formatName = "BGRx";
+    std::atomic<bool> still{false};
+    uint dialogs = 0;
+    Session* current = nullptr;  // of the latest share
+
+public slots:
+    uint CreateSession(const QDBusObjectPath&, const QDBusObjectPath& handle, const QString&, const QVariantMap&,
+                       QVariantMap&)
+    {
+        auto* session = new Session(this, handle.path());
+        QDBusConnection::sessionBus().registerObject(handle.path(), session,
+            QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllSignals | QDBusConnection::ExportAllProperties);
+        sessions.insert(handle.path(), session);
+        return 0;
+    }
+
+    uint SelectSources(const QDBusObjectPath&, const QDBusObjectPath& handle, const QString&, const QVariantMap& options,
+                       QVariantMap&)
+    {
+        Session* session = sessions.value(handle.path());
+        if (!session)
+            return 2;
+        RestoreData restore;
+        if (options.contains("restore_data"))
+            options["restore_data"].value<QDBusArgument>() >> restore;
+        session->restored = restore.vendor == vendor && restore.data.variant().toString() == "share";
+        session->persist = options.value("persist_mode").toUInt();
+        return 0;
+    }
+
+    uint Start(const QDBusObjectPath&, const QDBusObjectPath& handle, const QString&, const QString&, const QVariantMap&,
+               QVariantMap& results)
+    {
+        Session* session = sessions.value(handle.path());
+        const QString how = session && session->restored ? "share" : std::exchange(answer, "share");
+        if (!session)
+            return 2;
+        dialogs += !session->restored;
+        if (how == "cancel" || how == "fail")
+            return how == "cancel" ? 1 : 2;
+        const QRect shared = how == "other" ? QRect(1920, 0, 1280, 720) : monitor;
+        const auto format = formatName == "RGBx" ? SPA_VIDEO_FORMAT_RGBx : formatName == "BGRA" ? SPA_VIDEO_FORMAT_BGRA
+                            : formatName == "RGBA" ? SPA_VIDEO_FORMAT_RGBA : SPA_VIDEO_FORMAT_BGRx;
+        Share::destroy(std::exchange(session->share, Share::create(loop, core, shared.size(), format, how == "silent", &still)));
+        if (!session->share)
+            return 2;
+        current = session;
+        pw_thread_loop_lock(loop);
+        const uint node = pw_stream_get_node_id(session->share->stream);
+        pw_thread_loop_unlock(loop);
+        results["streams"] = QVariant::fromValue(QList<Stream>{{node, {{"position", shared.topLeft()},
+                                                                        {"size", shared.size()},
+                                                                        {"source_type", 1u}}}});
+        if (session->persist && how == "share") {
+            results["persist_mode"] = session->persist;
+            results["restore_data"] = QVariant::fromValue(RestoreData{vendor, 1, QDBusVariant("share")});
+        }
+        return 0;
+    }
+
+    void forget(Session* session)
+    {
+        sessions.remove(session->path);
+        if (current == session)
+            current = nullptr;
+        QDBusConnection::sessionBus().unregisterObject(session->path);
+        session->deleteLater();
+    }
+};
+
+void Session::Close()
+{
+    backend->forget(this);
+}
+
+// org.screenreel.TestPortal at /org/screenreel/TestPortal.
+class Control : public QObject
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.screenreel.TestPortal")
+
+public:
+    explicit Control(Backend* backend) : backend(backend) {}
+    Backend* const backend;
+
+public slots:
+    // "share", "cancel", "other", "silent" or "fail": the next dialog's answer.
+    void SetAnswer(const QString& answer) { backend->answer = answer; }
+    void SetStill(bool still) { backend->still = still; }
+    // "BGRx", "RGBx", "BGRA" or "RGBA": what the next node offers.
+    void SetFormat(const QString& format) { backend->formatName = format; }
+    // As a compositor or the user ends it: the node goes, the session closes.
+    void EndShare()
+    {
+        if (Session* session = backend->current) {
+            emit session->Closed();
+            backend->forget(session);
+        }
+    }
+    uint Dialogs() { return backend->dialogs; }
+};
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    QCoreApplication app(argc, argv);
+    qDBusRegisterMetaType<Stream>();
+    qDBusRegisterMetaType<QList<Stream>>();
+    qDBusRegisterMetaType<RestoreData>();
+    QRect monitor(0, 0, 1920, 1080);
+    const int at = app.arguments().indexOf("--monitor");
+    if (at > 0) {
+        const auto m = QRegularExpression("^(\\d+)x(\\d+)\\+(\\d+)\\+(\\d+)$").match(app.arguments().value(at + 1));
+        if (!m.hasMatch())
+            qFatal("--monitor takes WxH+X+Y");
+        monitor = QRect(m.captured(3).toInt(), m.captured(4).toInt(), m.captured(1).toInt(), m.captured(2).toInt());
+    }
+
+    pw_init(&argc, &argv);
+    pw_thread_loop* loop = pw_thread_loop_new("test-portal", nullptr);
+    pw_context* context = pw_context_new(pw_thread_loop_get_loop(loop), nullptr, 0);
+    pw_core* core = context ? pw_context_connect(context, nullptr, 0) : nullptr;
+    if (!core)
+        qFatal("screenreel-test-portal: no PipeWire");
+    pw_thread_loop_start(loop);
+
+    Backend backend(monitor, loop, core);
+    Control control(&backend);
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.registerObject("/org/freedesktop/portal/desktop", &backend,
+                            QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllProperties)
+        || !bus.registerObject("/org/screenreel/TestPortal", &control, QDBusConnection::ExportAllSlots)
+        || !bus.registerService(busName))
+        qFatal("screenreel-test-portal: %s", qPrintable(bus.lastError().message()));
+    const int status = app.exec();
+    pw_thread_loop_stop(loop);
+    return status;
+}
+
+#include "TestPortal.moc"
