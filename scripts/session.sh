@@ -227,6 +227,11 @@ if [ $want_portal = 1 ]; then
     wait_for owned org.freedesktop.portal.Desktop ||
         fail "xdg-desktop-portal did not start" "$work/frontend.log"
     export XDG_SESSION_TYPE=wayland
+elif [ $want_display = 1 ]; then
+    # A private X display is an X11 desktop, even when started from a Wayland
+    # one: the recorder would otherwise ask that desktop's portal for the screen.
+    export XDG_SESSION_TYPE=x11
+    unset WAYLAND_DISPLAY
 fi
 
 "$@" <&0 &
