@@ -99,7 +99,8 @@ private:
 struct VideoInput : CaptureInput
 {
     VideoInput(const VideoDevice& device, const QRect& region)
-        : device(device)
+        : CaptureInput(AVMEDIA_TYPE_VIDEO)
+        , device(device)
         , region(region)
         , grabbed(platform::grabArea(device.geometry, region))
     {
@@ -157,8 +158,7 @@ bool VideoInput::selectInput()
     if (useDuplicationGrabber(QSysInfo::productVersion(), probeSucceeded, dedicatedGpu)) {
         if (device.geometry.height() > device.geometry.width())
             graph += ",transpose=1";
-        if (!openInput(graph.constData(), device.name, &streamIndex, &options, inputFormat,
-                       &formatContext, &codec, &codecContext, &packet, &frame, AVMEDIA_TYPE_VIDEO))
+        if (!openInput(*this, graph.constData(), device.name, &options))
             return false;
     } else {
         if (dedicatedGpu)
@@ -168,9 +168,7 @@ bool VideoInput::selectInput()
         inputFormat = av_find_input_format(platform::desktopGrabber());
         av_dict_free(&options);
         fillOptions();
-        if (!openInput(platform::desktopUrl().constData(), device.name, &streamIndex, &options,
-                       inputFormat, &formatContext, &codec, &codecContext, &packet, &frame,
-                       AVMEDIA_TYPE_VIDEO))
+        if (!openInput(*this, platform::desktopUrl().constData(), device.name, &options))
             return false;
     }
 
