@@ -32,6 +32,7 @@ public:
     // The Muxer thread, under the mutex, as the two below. False when empty.
     bool take(AudioChunk* chunk);
     bool isEmpty() const { return chunks.isEmpty(); }
+    qint64 queuedSamples() const { return queued; }
     // The capture time of the oldest chunk; noCaptureTime when there is none.
     CaptureTime firstCaptured() const { return chunks.isEmpty() ? noCaptureTime : chunks.first().captured; }
 

@@ -78,12 +78,12 @@ private slots:
             MuxerOutput output(&file, size, AudioFormat{AV_SAMPLE_FMT_S16, 44100, 2, 3});
             QVERIFY(output.valid = output.setUp());
             for (const QChar step : QString("..R.EbJG")) {
-                output.audioSampleCount = step == 'E' || step == 'J' ? (output.videoFrameCount + 10) * 1764 + (step == 'J') : 0;
+                output.audio.count = step == 'E' || step == 'J' ? (output.video.count + 10) * 1764 + (step == 'J') : 0;
                 QCOMPARE(compareClocks(output), step == 'J');
                 if ((output.imageFresh = QStringLiteral("RGb").contains(step)))
                     output.image = picture(step == 'b' ? size + QSize(2, 2) : size, step.toUpper());
                 encodeVideoStep(output);
-                const AVFrame& frame = *output.videoFrame;
+                const AVFrame& frame = *output.video.frame;
                 const int yuv[] = {frame.data[0][10 * frame.linesize[0] + 16], frame.data[1][5 * frame.linesize[1] + 8],
                                    frame.data[2][5 * frame.linesize[2] + 8]};
                 const int red[] = {81, 90, 240}, green[] = {145, 54, 34};
@@ -160,41 +160,71 @@ private slots:
     {
         QTest::addColumn<AudioFormat>("format");
         QTest::addColumn<int>("chunk");  // samples a chunk
-        QTest::newRow("48 kHz becomes 44.1 kHz") << AudioFormat{AV_SAMPLE_FMT_FLT, 48000, 2, 0} << 1920;
-        QTest::newRow("mono becomes stereo; a rest of each chunk waits") << AudioFormat{AV_SAMPLE_FMT_FLT, 44100, 1, 0} << 1764;
-        QTest::newRow("planar") << AudioFormat{AV_SAMPLE_FMT_FLTP, 48000, 2, 0} << 1920;
-        QTest::newRow("short chunks add up") << AudioFormat{AV_SAMPLE_FMT_FLT, 44100, 2, 0} << 300;
+        QTest::addColumn<bool>("timed");  // the inputs give capture times
+        QTest::newRow("48 kHz becomes 44.1 kHz") << AudioFormat{AV_SAMPLE_FMT_FLT, 48000, 2, 0} << 1920 << true;
+        QTest::newRow("mono becomes stereo; a rest of each chunk waits") << AudioFormat{AV_SAMPLE_FMT_FLT, 44100, 1, 0} << 1764 << false;
+        QTest::newRow("planar") << AudioFormat{AV_SAMPLE_FMT_FLTP, 48000, 2, 0} << 1920 << false;
+        QTest::newRow("short chunks add up") << AudioFormat{AV_SAMPLE_FMT_FLT, 44100, 2, 0} << 300 << true;
     }
+    // Ticks driven one by one, the machine starving the loop of five whole
+    // ticks now and then. Each tick encodes all the sound due by the
+    // picture's time, the lost ticks' too: the queue holds at most two ticks
+    // once the start is known, and the picture lasts the time recorded.
     // Whatever comes in, the track is AAC at 44.1 kHz in stereo. The encoder
     // gets whole frames only, a rest waiting for the next chunk: handed in short
     // it would replay the tail of the frame before, padded it would lengthen the
-    // sound. So packets are a frame apart, the track lasts as long as the sound,
-    // and two seconds of tone keep their pitch on both channels.
+    // sound. So packets are a frame apart, the track keeps every sample of the
+    // tone, at its pitch on both channels and without a silent stretch.
     void audioTracks()
     {
         QFETCH(AudioFormat, format);
         QFETCH(int, chunk);
+        QFETCH(bool, timed);
+        const CaptureTime t0 = 1800000000000000;
         QBuffer buffer;
         QVERIFY(buffer.open(QIODevice::WriteOnly));
+        int elapsed = 0, sample = 0;  // ticks of real time; samples handed in
         {
             MuxerOutput output(&buffer, QSize(64, 48), format);
             QVERIFY(output.valid = output.setUp());
-            for (int from = 0; from < 2 * format.sampleRate; from += chunk) {
-                output.audioQueue.append(AudioChunk{tone(format, from, chunk), chunk, noCaptureTime});
-                encodeAudioStep(output);
+            const auto at = [&](qint64 samples) { return t0 + samples * 1000000 / format.sampleRate; };
+            for (int tick = 1; tick <= 150; ++tick) {
+                const int lost = tick % 40 ? 0 : 5;
+                elapsed += 1 + lost;
+                // What the inputs handed in by now, captured up to 10 ms before.
+                const CaptureTime now = t0 + elapsed * 40000;
+                for (; at(sample + chunk) <= now - 10000; sample += chunk)
+                    output.audioQueue.append(AudioChunk{tone(format, sample, chunk), chunk, timed ? at(sample) : noCaptureTime});
+                output.image = picture(QSize(64, 48), 'G');
+                output.imageCaptured = timed ? now - 10000 : noCaptureTime;
+                output.imageArrived = std::chrono::steady_clock::now();
+                output.imageFresh = true;
+                runTick(output, lost);
+                if (output.timeline.start != noCaptureTime || !timed)
+                    QVERIFY2(output.audioQueue.queuedSamples() <= 2 * format.sampleRate / 25,
+                             qPrintable(QString("%1 samples wait at tick %2").arg(output.audioQueue.queuedSamples()).arg(tick)));
             }
+            QCOMPARE(recordedTime(output), 40ms * elapsed);
         }
         const MediaProbe probe = MediaProbe::fromData(buffer.data());
         QVERIFY2(probe.isValid(), qPrintable(probe.error));
         const ProbedStream track = probe.streams.value(probe.streamIndex("audio"));
+        const double picture = probe.streams.value(probe.streamIndex("video")).duration;
+        QVERIFY2(qAbs(picture - elapsed * 0.04) < 0.05, qPrintable(QString("a picture of %1 s").arg(picture)));
         QCOMPARE(QString("%1 %2 %3").arg(track.codec).arg(track.sampleRate).arg(track.channels), QString("aac 44100 2"));
         // Whole frames, but for the short last one that ends the sound.
         for (int i = 1; i + 1 < track.pts.size(); ++i)
             QCOMPARE(track.pts[i] - track.pts[i - 1], qint64(1024));
-        // Two seconds in every row; the encoder's priming and last frame aside.
-        QVERIFY2(qAbs(track.duration - 2.0) < 0.06, qPrintable(QString("%1 s").arg(track.duration)));
-        const QString wrong = checkTone(probe.decodeAudio(), 2, 44100, 440);
+        // As long as the sound handed in; timed, it ends with the picture.
+        const double length = double(sample) / format.sampleRate;
+        QVERIFY2(qAbs(track.duration - length) < 0.08, qPrintable(QString("%1 s of %2 s").arg(track.duration).arg(length)));
+        const QVector<float> sound = probe.decodeAudio();
+        const QString wrong = checkTone(sound, 2, 44100, 440);
         QVERIFY2(wrong.isEmpty(), qPrintable(wrong));
+        int quiet = 0, longest = 0;
+        for (int i = 44100 / 2; i < sound.size() / 2 - 44100 / 2; ++i)
+            longest = qMax(longest, quiet = qAbs(sound[2 * i]) < 0.01f ? quiet + 1 : 0);
+        QVERIFY2(longest < 5, qPrintable(QString("a silence of %1 samples").arg(longest)));
     }
 
     // Where the inputs tell when they captured, what was captured together plays
