@@ -211,15 +211,6 @@ std::chrono::milliseconds recordedTime(const MuxerOutput& output)
     return std::chrono::milliseconds(frames * 1000 * timeBase.num / timeBase.den);
 }
 
-bool compareClocks(MuxerOutput& output)
-{
-    if (!videoBehind(output.video.count, output.frameRate, output.audio.count, output.audio.context->sample_rate))
-        return false;
-    output.video.count += 10;
-    qCDebug(lcScreenReel) << "video frame count adjusted";
-    return true;
-}
-
 void runTick(MuxerOutput& output, uint64_t lost)
 {
     // Ticks lost wholly to a late one are not made up, but the video clock
@@ -230,9 +221,10 @@ void runTick(MuxerOutput& output, uint64_t lost)
         output.video.count += lost;
         output.lostTicks += lost;
     }
-    if (output.audioFormat) {
-        QMutexLocker lock(&output.mutex);
-        compareClocks(output);
+    if (output.audioFormat && videoBehind(output.video.count, output.frameRate, output.audio.count,
+                                          output.audio.context->sample_rate)) {
+        output.video.count += 10;
+        qCDebug(lcScreenReel) << "video frame count adjusted";
     }
     encodeVideoStep(output);
     encodeAudioStep(output);

@@ -39,8 +39,6 @@ struct OutputTrack
 {
     OutputTrack(const char* name, int64_t bitRate) : name(name), bitRate(bitRate) {}
     ~OutputTrack();
-    OutputTrack(const OutputTrack&) = delete;
-    OutputTrack& operator=(const OutputTrack&) = delete;
 
     const char* const name;  // for the log
     const int64_t bitRate;
@@ -102,8 +100,9 @@ bool openStream(MuxerOutput& output, OutputTrack& track, AVCodecID codec,
 bool openVideoStream(MuxerOutput& output);
 bool openAudioStream(MuxerOutput& output);
 // One tick of the loop, on the Muxer thread, after `lost` ticks the machine
-// gave it no time for: the clocks' comparison, the picture, then all the
-// sound due by the picture's time.
+// gave it no time for: the clocks' comparison (the video clock jumps ten
+// frames to meet the audio clock), the picture, then all the sound due by
+// the picture's time.
 void runTick(MuxerOutput& output, uint64_t lost);
 void encodeVideoStep(MuxerOutput& output);
 void encodeAudioStep(MuxerOutput& output);
@@ -111,9 +110,6 @@ void encodeAudioStep(MuxerOutput& output);
 void finishAudio(MuxerOutput& output);
 // Ends both tracks and writes the trailer, once.
 void finish(MuxerOutput& output);
-// Under mutex, Muxer thread: lets the video clock catch up with the audio
-// clock by a jump of ten frames. True when it jumped.
-bool compareClocks(MuxerOutput& output);
 // Any thread: the frames given to the video encoder, in milliseconds.
 std::chrono::milliseconds recordedTime(const MuxerOutput& output);
 
