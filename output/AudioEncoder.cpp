@@ -199,6 +199,8 @@ void encodeChunk(MuxerOutput& output, const AudioChunk& chunk, qint64 from, qint
     resample(output, planes, int(count));
 }
 
+// The resampler takes the silence in its own input format; an empty input
+// that is not null then gets it out without ending the stream.
 void encodeSilence(MuxerOutput& output, qint64 count)
 {
     const int result = swr_inject_silence(output.resampler, int(count));

@@ -29,7 +29,7 @@ public:
 
     // The audio thread, under the Muxer's mutex; never waits.
     void append(const AudioChunk& chunk);
-    // The Muxer thread, under the mutex, as the two below. False when empty.
+    // The Muxer thread, under the mutex, as the three below. False when empty.
     bool take(AudioChunk* chunk);
     bool isEmpty() const { return chunks.isEmpty(); }
     qint64 queuedSamples() const { return queued; }
