@@ -1,5 +1,7 @@
 #include "Timeline.h"
 
+#include "pipeline/Logging.h"
+
 #include <algorithm>
 #include <cmath>
 
@@ -84,8 +86,11 @@ void noteImage(Timeline& timeline, CaptureTime captured, std::chrono::microsecon
         const CaptureTime look = median(timeline.starts);
         timeline.starts.clear();
         if (std::abs(look - timeline.start) >= moveAtLeast.count() && timeline.lastLook != noCaptureTime
-            && std::abs(look - timeline.lastLook) < moveAtLeast.count())
+            && std::abs(look - timeline.lastLook) < moveAtLeast.count()) {
+            // The sound follows: a gap of silence, or a cut, of that length.
+            qCDebug(lcScreenReel) << "the picture's start moved by" << (look - timeline.start) / 1000 << "ms";
             timeline.start = look;
+        }
         timeline.lastLook = look;
         return;
     }
