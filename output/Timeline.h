@@ -52,11 +52,13 @@ void fixTimelineStart(Timeline& timeline);
 // how long they waited (milliseconds, each within a tick).
 std::chrono::microseconds tickDelay(const std::vector<double>& waits, int frameRate);
 
-// The end: the capture time where a picture of `frames` frames ends;
-// noCaptureTime while there is no start on the capture clock.
+// The end: the capture time where the picture ends when its last frame is
+// frame `frames` of the video clock (shown for a tick from `frames` ticks
+// after the start); noCaptureTime while there is no start on the capture
+// clock.
 CaptureTime pictureEnd(const Timeline& timeline, uint64_t frames, int frameRate);
 // What is due: whether sound captured at `captured` goes on the track at a
-// tick that has made the picture `frames` frames long. Untimed sound is due
+// tick whose picture reaches frame `frames` of the video clock. Untimed sound is due
 // at once (the picture follows it); timed sound waits for the start, then
 // for the picture to reach it.
 bool soundDue(const Timeline& timeline, CaptureTime captured, uint64_t frames, int frameRate);
