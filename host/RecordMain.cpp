@@ -1,6 +1,7 @@
 // screenreel-record: records a screen, or a region of it, with or without
 // sound, to an MP4 file or to standard output, through the ScreenReel plug-in.
 
+#include "Console.h"
 #include "Recorder.h"
 
 #include <QApplication>
@@ -12,29 +13,18 @@
 #include <QPushButton>
 #include <QRegularExpression>
 #include <QScreen>
-#include <QSocketNotifier>
 #include <QVBoxLayout>
 #include <QWidget>
 #include <QWindow>
 
-#include <csignal>
 #include <cstring>
 #include <memory>
-#include <unistd.h>
 
 extern "C" {
 #include <libavutil/log.h>
 }
 
 namespace {
-
-int signalPipe[2] = {-1, -1};
-
-void onSignal(int)
-{
-    const char byte = 1;
-    [[maybe_unused]] const ssize_t written = ::write(signalPipe[1], &byte, 1);
-}
 
 bool parseRegion(const QString& text, QRect* region)
 {
@@ -206,23 +196,14 @@ int main(int argc, char** argv)
     }
     QObject::connect(recorder.screenReel(), &Recorder::ScreenReel::recorded, status, showTime);
 
-    // Ctrl+C, a termination request, the Stop button or closing the window
-    // stop the recording, all the same way.
+    // Ctrl+C, a termination request, closing the console, the Stop button or
+    // closing the window stop the recording, all the same way.
     const auto stop = [&] {
         stopButton->setEnabled(false);
         status->setText(QStringLiteral("Stopping, finishing %1").arg(target));
         recorder.stop();
     };
-    if (::pipe(signalPipe) == 0) {
-        std::signal(SIGINT, onSignal);
-        std::signal(SIGTERM, onSignal);
-    }
-    QSocketNotifier notifier(signalPipe[0], QSocketNotifier::Read);
-    QObject::connect(&notifier, &QSocketNotifier::activated, &recorder, [&] {
-        char byte;
-        [[maybe_unused]] const ssize_t n = ::read(signalPipe[0], &byte, 1);
-        stop();
-    });
+    const ConsoleStop consoleStop(&recorder, stop);
     QObject::connect(stopButton, &QPushButton::clicked, &recorder, stop);
     QApplication::setQuitOnLastWindowClosed(false);
     QObject::connect(qApp, &QGuiApplication::lastWindowClosed, &recorder, stop);

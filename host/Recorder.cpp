@@ -1,12 +1,13 @@
 #include "Recorder.h"
 
+#include "Console.h"
+
 #include <QCoreApplication>
 #include <QFileInfo>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <unistd.h>
 
 namespace {
 
@@ -21,10 +22,12 @@ constexpr std::chrono::milliseconds pollFrom = 200ms;
 QStringList pluginCandidates()
 {
     const QString dir = QCoreApplication::applicationDirPath();
-    return {dir + QStringLiteral("/../lib/screenreel/libScreenReel.so"),
-            QStringLiteral(SCREENREEL_INSTALL_PLUGIN_DIR "/libScreenReel.so"),
-            dir + QStringLiteral("/../libScreenReel.so"),
-            dir + QStringLiteral("/libScreenReel.so")};
+    // The module's name as the build gives it on this system (.so, .dll).
+    const QString file = QStringLiteral(SCREENREEL_PLUGIN_FILE);
+    return {dir + QStringLiteral("/../lib/screenreel/") + file,
+            QStringLiteral(SCREENREEL_INSTALL_PLUGIN_DIR "/") + file,
+            dir + QStringLiteral("/../") + file,
+            dir + QLatin1Char('/') + file};
 }
 
 } // namespace
@@ -103,7 +106,7 @@ bool Recorder::start(const Options& options, QTextStream& err)
     if (!toFile) {
         // Straight to the descriptor: a fragment held in a buffer of Qt's or
         // stdio's would be lost to the reader if this process is killed.
-        if (!file->open(STDOUT_FILENO, QIODevice::WriteOnly | QIODevice::Unbuffered, QFileDevice::DontCloseHandle)) {
+        if (!file->open(binaryStandardOutput(), QIODevice::WriteOnly | QIODevice::Unbuffered, QFileDevice::DontCloseHandle)) {
             err << "cannot write to standard output" << Qt::endl;
             return false;
         }

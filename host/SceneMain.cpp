@@ -69,8 +69,9 @@ private:
         const int frames = 48000 * flashMs / 1000;
         tone.resize(frames * 4);
         auto* samples = reinterpret_cast<qint16*>(tone.data());
+        const double pi = std::acos(-1.0);  // M_PI is POSIX's, not standard C++
         for (int i = 0; i < frames; ++i) {
-            const qint16 v = qint16(20000 * std::sin(2 * M_PI * 1000.0 * i / 48000.0));
+            const qint16 v = qint16(20000 * std::sin(2 * pi * 1000.0 * i / 48000.0));
             samples[2 * i] = qToLittleEndian(v);
             samples[2 * i + 1] = qToLittleEndian(v);
         }

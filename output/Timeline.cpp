@@ -59,6 +59,7 @@ std::chrono::microseconds tickDelay(const std::vector<double>& waits, int frameR
     // The waits lie on a circle of one tick: an image that just missed its
     // tick waits nearly a whole one.
     const double tick = 1000.0 / frameRate;
+    const double pi = std::acos(-1.0);  // M_PI is POSIX's, not standard C++
     double x = 0, y = 0;
     for (const double wait : waits) {
         x += std::cos(2 * pi * wait / tick);

@@ -2,6 +2,7 @@
 // display that shows four coloured quadrants.
 #include "capture/GrabberChoice.h"
 #include "capture/Platform.h"
+#include "capture/PlatformPci.h"
 #include "capture/VideoWorker.h"
 #include "pipeline/Pipeline.h"
 
@@ -112,6 +113,49 @@ private slots:
         for (const QString& adapter : adapters)
             list.push_back({adapter.section('|', 0, 0).toUInt(nullptr, 16), adapter.section('|', 1)});
         QCOMPARE(useDuplicationGrabber(version, probe, hasDedicatedGpu(list)), duplication);
+    }
+
+    void pciAdapters_data()
+    {
+        QTest::addColumn<QByteArray>("ids");
+        QTest::addColumn<QStringList>("adapters");  // "vendor id in hex|description"
+        QTest::newRow("named in the database, or by number where missing")
+            << QByteArray("10de  NVIDIA Corporation\n\t2204  GA102 [GeForce RTX 3090]\n")
+            << QStringList{"10de|GA102 [GeForce RTX 3090]", "10de|Device abcd"};
+        // libpci's own handler would end the process here.
+        QTest::newRow("malformed database: all by number, the process goes on")
+            << QByteArray("10de  NVIDIA Corporation\n\t2204  GA102\nnot an id\n")
+            << QStringList{"10de|Device 2204", "10de|Device abcd"};
+    }
+    // The display controllers of a sysfs tree, described from an ID database.
+    void pciAdapters()
+    {
+        QFETCH(QByteArray, ids);
+        QFETCH(QStringList, adapters);
+        QTemporaryDir dir;
+        const auto write = [&](const QString& path, const QByteArray& text) {
+            QDir().mkpath(QFileInfo(dir.filePath(path)).path());
+            QFile file(dir.filePath(path));
+            QVERIFY(file.open(QIODevice::WriteOnly));
+            file.write(text);
+        };
+        const QList<QByteArrayList> devices{{"0000:00:03.0", "0x020000", "0x10de", "0x2204"},  // not display
+                                            {"0000:01:00.0", "0x030000", "0x10de", "0x2204"},
+                                            {"0000:02:00.0", "0x030200", "0x10de", "0xabcd"}};
+        for (const QByteArrayList& device : devices) {
+            write("devices/" + device[0] + "/class", device[1] + '\n');
+            write("devices/" + device[0] + "/vendor", device[2] + '\n');
+            write("devices/" + device[0] + "/device", device[3] + '\n');
+        }
+        write("pci.ids", ids);
+        if (ids.contains("not an id"))
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression("^libpci failed: Parse error at .*line 3 "
+                                                                  "- the graphics adapters are described by number$"));
+        QStringList read;
+        for (const DisplayAdapter& adapter :
+             platform::readDisplayAdapters(dir.filePath("devices"), QFile::encodeName(dir.filePath("pci.ids"))))
+            read << QString::number(adapter.vendorId, 16) + '|' + adapter.description;
+        QCOMPARE(read, adapters);
     }
 
     void regions_data()

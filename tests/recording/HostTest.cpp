@@ -5,6 +5,8 @@
 
 #include <QtTest>
 
+#include <csignal>
+
 using namespace orvane::test;
 
 class HostTest : public QObject
@@ -88,12 +90,15 @@ private slots:
     void records_data()
     {
         QTest::addColumn<QString>("output");
-        QTest::addColumn<bool>("killed");
+        QTest::addColumn<QString>("signal");  // sent midway; none: --seconds 3 ends it
         QTest::addColumn<QString>("audio");
-        QTest::newRow("3 s to a file") << dir.filePath("take.mp4") << false << "reel.monitor";
-        QTest::newRow("3 s to a file, no sound") << dir.filePath("silent.mp4") << false << "none";
-        QTest::newRow("3 s into a pipe") << "-" << false << "reel.monitor";
-        QTest::newRow("into a pipe, the host killed midway") << "-" << true << "reel.monitor";
+        QTest::newRow("3 s to a file") << dir.filePath("take.mp4") << "" << "reel.monitor";
+        QTest::newRow("3 s to a file, no sound") << dir.filePath("silent.mp4") << "" << "none";
+        QTest::newRow("3 s into a pipe") << "-" << "" << "reel.monitor";
+        QTest::newRow("into a pipe, the host killed midway") << "-" << "KILL" << "reel.monitor";
+        // As the Stop button: the file complete, sound and all.
+        QTest::newRow("to a file, ended by Ctrl+C") << dir.filePath("interrupted.mp4") << "INT" << "reel.monitor";
+        QTest::newRow("into a pipe, ended by SIGTERM") << "-" << "TERM" << "reel.monitor";
     }
 
     // What a player makes of it: every frame decoded, for a pipe also after
@@ -101,8 +106,9 @@ private slots:
     void records()
     {
         QFETCH(QString, output);
-        QFETCH(bool, killed);
+        QFETCH(QString, signal);
         QFETCH(QString, audio);
+        const bool killed = signal == "KILL";
         QProcess host, reader;
         const QString file = output == "-" ? dir.filePath("piped.mp4") : output;
         if (output == "-") {  // a pipe, as into a player
@@ -110,12 +116,12 @@ private slots:
             reader.setStandardOutputFile(file);
             reader.start("cat", QStringList());
         }
-        run(host, {"--audio", audio, "--show-rate", "--seconds", killed ? "600" : "3", "-o", output});
+        run(host, {"--audio", audio, "--show-rate", "--seconds", signal.isEmpty() ? "3" : "600", "-o", output});
         QString err;
-        if (killed) {
+        if (!signal.isEmpty()) {
             QTRY_VERIFY_WITH_TIMEOUT((err += host.readAllStandardError()).contains("state: started"), 60000);
             QTest::qWait(4000);
-            host.kill();
+            ::kill(pid_t(host.processId()), killed ? SIGKILL : signal == "INT" ? SIGINT : SIGTERM);
         }
         QVERIFY(host.waitForFinished(120000) && (output != "-" || reader.waitForFinished(60000)));
         err += host.readAllStandardError();
@@ -136,7 +142,7 @@ private slots:
         // frame without sound, a few with it) and, on a busy machine, by the
         // ticks it lost. A sanitized build cannot keep the pace at all.
         const bool paced = qEnvironmentVariableIsEmpty("SCREENREEL_SANITIZED");
-        QVERIFY2(killed || !paced || (video.duration > 2.999 && video.duration < 4.0), qPrintable(QString::number(video.duration)));
+        QVERIFY2(!signal.isEmpty() || !paced || (video.duration > 2.999 && video.duration < 4.0), qPrintable(QString::number(video.duration)));
         QCOMPARE(probe.streamIndex("audio") >= 0, audio != "none");
         if (audio == "none" || killed)  // the sound's last fragment went with the host
             return;
