@@ -16,8 +16,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-const double pi = std::acos(-1.0);
-
 // The grabber catches up on the time since it was opened with a burst of
 // frames at first. After that, the ticks' phase is chosen by how long the
 // images of the rest of the first second waited for their tick: an image
