@@ -43,7 +43,8 @@ constexpr DecodeLog decodeLog{"Error sending a audio packet for decoding", false
 struct AudioInput : CaptureInput
 {
     explicit AudioInput(const AudioDevice& device)
-        : device(device)
+        : CaptureInput(AVMEDIA_TYPE_AUDIO)
+        , device(device)
     {
     }
 
@@ -72,9 +73,7 @@ bool AudioInput::setUp()
         return false;
     }
     watch->unblockAfter(openTimeout);
-    const bool opened = openInput(source.url.constData(), device.name, &streamIndex, &source.options,
-                                  inputFormat, &formatContext, &codec, &codecContext, &packet,
-                                  &frame, AVMEDIA_TYPE_AUDIO);
+    const bool opened = openInput(*this, source.url.constData(), device.name, &source.options);
     av_dict_free(&source.options);
     // An open whose stream was ended may still succeed on what it had read.
     if (watch->finishUnblockAfter()) {
@@ -136,12 +135,12 @@ void AudioWorker::run()
     setPriority(QThread::TimeCriticalPriority);
     AudioInput& in = *input;
     const bool timed = platform::soundTimesOnSystemClock();
-    SoundGatherer gathered(in.codecContext->sample_fmt, in.codecContext->ch_layout.nb_channels,
-                           in.codecContext->sample_rate,
-                           [this](const QByteArray& samples, qint64 count, CaptureTime captured) {
-                               pushAudio(samples, count, captured);
-                           });
     try {
+        SoundGatherer gathered(in.codecContext->sample_fmt, in.codecContext->ch_layout.nb_channels,
+                               in.codecContext->sample_rate,
+                               [this](const QByteArray& samples, qint64 count, CaptureTime captured) {
+                                   pushAudio(samples, count, captured);
+                               });
         // Made once: the loop runs for every packet.
         const std::function<bool(const AVFrame&)> take = [&](const AVFrame& frame) {
             int lineSize = 0;

@@ -17,53 +17,50 @@ CaptureInput::~CaptureInput()
     avformat_close_input(&formatContext);
 }
 
-bool openInput(const char* url, const QString& deviceName, int* streamIndex, AVDictionary** options,
-               const AVInputFormat* inputFormat, AVFormatContext** formatContext,
-               const AVCodec** codec, AVCodecContext** codecContext, AVPacket** packet,
-               AVFrame** frame, AVMediaType mediaType)
+bool openInput(CaptureInput& input, const char* url, const QString& deviceName, AVDictionary** options)
 {
-    *formatContext = avformat_alloc_context();
-    if (avformat_open_input(formatContext, url, inputFormat, options) < 0) {
+    input.formatContext = avformat_alloc_context();
+    if (avformat_open_input(&input.formatContext, url, input.inputFormat, options) < 0) {
         qCWarning(lcScreenReel) << "unable to open device [" << deviceName << "]";
         return false;
     }
-    if (avformat_find_stream_info(*formatContext, nullptr) < 0) {
+    if (avformat_find_stream_info(input.formatContext, nullptr) < 0) {
         qCWarning(lcScreenReel) << "Unable to find stream for device [" << deviceName << "]";
         return false;
     }
-    for (unsigned i = 0; i < (*formatContext)->nb_streams; ++i) {
-        if ((*formatContext)->streams[i]->codecpar->codec_type == mediaType)
-            *streamIndex = int(i);
+    for (unsigned i = 0; i < input.formatContext->nb_streams; ++i) {
+        if (input.formatContext->streams[i]->codecpar->codec_type == input.mediaType)
+            input.streamIndex = int(i);
     }
-    if (*streamIndex == -1) {
+    if (input.streamIndex == -1) {
         qCWarning(lcScreenReel) << "Unable to find video stream for device [" << deviceName << "]";
         return false;
     }
-    const AVCodecParameters* parameters = (*formatContext)->streams[*streamIndex]->codecpar;
-    *codec = avcodec_find_decoder(parameters->codec_id);
-    if (!*codec) {
+    const AVCodecParameters* parameters = input.formatContext->streams[input.streamIndex]->codecpar;
+    input.codec = avcodec_find_decoder(parameters->codec_id);
+    if (!input.codec) {
         qCWarning(lcScreenReel) << "could not find decoder for: " << avcodec_get_name(parameters->codec_id);
         return false;
     }
-    *codecContext = avcodec_alloc_context3(*codec);
-    if (!*codecContext) {
+    input.codecContext = avcodec_alloc_context3(input.codec);
+    if (!input.codecContext) {
         qCWarning(lcScreenReel) << "could not alloc an encoding context";
         return false;
     }
-    if (avcodec_parameters_to_context(*codecContext, parameters) < 0) {
+    if (avcodec_parameters_to_context(input.codecContext, parameters) < 0) {
         qCWarning(lcScreenReel)
             << "unable to copy decoder parameters to input decoder context for device [" << deviceName << "]";
         return false;
     }
-    if (avcodec_open2(*codecContext, *codec, nullptr) < 0) {
+    if (avcodec_open2(input.codecContext, input.codec, nullptr) < 0) {
         qCWarning(lcScreenReel) << "cannot open video decoder for device [" << deviceName << "]";
         return false;
     }
-    *packet = av_packet_alloc();
-    *frame = av_frame_alloc();
+    input.packet = av_packet_alloc();
+    input.frame = av_frame_alloc();
     // The capture loops rely on both being there; a failed allocation is a
     // failed open, not a crash later.
-    if (!*packet || !*frame) {
+    if (!input.packet || !input.frame) {
         qCWarning(lcScreenReel) << "could not allocate packet or frame for device [" << deviceName << "]";
         return false;
     }

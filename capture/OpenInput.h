@@ -24,11 +24,12 @@ namespace orvane {
 // media share, freed by its destructor whatever was made.
 struct CaptureInput
 {
-    CaptureInput() = default;
+    explicit CaptureInput(AVMediaType mediaType) : mediaType(mediaType) {}
     ~CaptureInput();
     CaptureInput(const CaptureInput&) = delete;
     CaptureInput& operator=(const CaptureInput&) = delete;
 
+    const AVMediaType mediaType;  // of the stream wanted
     bool valid = false;
     int streamIndex = -1;
     const AVInputFormat* inputFormat = nullptr;
@@ -39,14 +40,12 @@ struct CaptureInput
     AVFrame* frame = nullptr;
 };
 
-// Opens an FFmpeg input and a decoder for its last stream of `mediaType`,
-// with a reusable packet and frame. Everything made is written to the
-// out-parameters at once and belongs to the caller from then on, on failure
-// too; nothing is freed here. Logs the reason of a failure.
-bool openInput(const char* url, const QString& deviceName, int* streamIndex, AVDictionary** options,
-               const AVInputFormat* inputFormat, AVFormatContext** formatContext,
-               const AVCodec** codec, AVCodecContext** codecContext, AVPacket** packet,
-               AVFrame** frame, AVMediaType mediaType);
+// Opens `url` in the input's format and a decoder for its last stream of the
+// input's media type, with a reusable packet and frame. Everything made goes
+// into `input` at once and is freed with it, on failure too. `options` is
+// handed to FFmpeg, which leaves in it what it did not use. Logs the reason
+// of a failure, naming the device `deviceName`.
+bool openInput(CaptureInput& input, const char* url, const QString& deviceName, AVDictionary** options);
 
 // The capture time of a decoded frame of stream `streamIndex`, from its
 // timestamp where the input stamps its packets with the system clock

@@ -1,5 +1,7 @@
 #include "SoundGatherer.h"
 
+#include "pipeline/AudioFormat.h"
+
 #include <algorithm>
 
 extern "C" {
@@ -25,7 +27,7 @@ constexpr std::chrono::microseconds gapAtLeast = 100ms;
 
 SoundGatherer::SoundGatherer(AVSampleFormat format, int channels, int rate, Push push)
     : rate(rate)
-    , planeCount(av_sample_fmt_is_planar(format) ? channels : 1)
+    , planeCount(sampleLayout(format, channels).planes)
     , push(std::move(push))
     , pieceSamples(samples(pieceLength))
 {
@@ -55,8 +57,9 @@ void SoundGatherer::add(const uint8_t* const* planes, int lineSize, int count, C
     if (timed && settled && std::chrono::microseconds(std::abs(stampOffset - offset)) >= gapAtLeast) {
         // A gap: what came before is placed by its own stretch.
         if (current.count > 0)
-            release(current, offset);
+            waiting.push_back(std::move(current));
         startPiece();
+        releaseWaiting(offset);
         stretchBegin = next;
         stamps.clear();
         settled = false;
@@ -75,19 +78,13 @@ void SoundGatherer::add(const uint8_t* const* planes, int lineSize, int count, C
         startPiece();
     }
     if (!timed) {
-        while (!waiting.empty()) {
-            release(waiting.front(), noCaptureTime);
-            waiting.pop_front();
-        }
+        releaseWaiting(noCaptureTime);
         return;
     }
     if (!settledOffset(false, &offset))
         return;
     settled = true;
-    while (!waiting.empty()) {
-        release(waiting.front(), offset);
-        waiting.pop_front();
-    }
+    releaseWaiting(offset);
 }
 
 bool SoundGatherer::settledOffset(bool final, int64_t* result)
@@ -115,23 +112,22 @@ void SoundGatherer::flush()
 {
     int64_t estimate = offset;
     const bool placed = timed && (settled || settledOffset(true, &estimate));
-    const CaptureTime at = placed ? estimate : noCaptureTime;
-    while (!waiting.empty()) {
-        release(waiting.front(), at);
-        waiting.pop_front();
-    }
     if (current.count > 0)
-        release(current, at);
+        waiting.push_back(std::move(current));
     startPiece();
+    releaseWaiting(placed ? estimate : noCaptureTime);
 }
 
-void SoundGatherer::release(Piece& piece, CaptureTime pieceOffset)
+void SoundGatherer::releaseWaiting(CaptureTime stretchOffset)
 {
-    QByteArray samples = std::move(piece.planes[0]);
-    for (size_t i = 1; i < piece.planes.size(); ++i)
-        samples.append(piece.planes[i]);
-    const CaptureTime captured = pieceOffset == noCaptureTime ? noCaptureTime : pieceOffset + duration(piece.first);
-    push(samples, piece.count, captured);
+    for (; !waiting.empty(); waiting.pop_front()) {
+        Piece& piece = waiting.front();
+        QByteArray samples = std::move(piece.planes[0]);
+        for (size_t i = 1; i < piece.planes.size(); ++i)
+            samples.append(piece.planes[i]);
+        push(samples, piece.count,
+             stretchOffset == noCaptureTime ? noCaptureTime : stretchOffset + duration(piece.first));
+    }
 }
 
 } // namespace orvane

@@ -17,9 +17,8 @@ extern "C" {
 namespace orvane {
 
 // Gathers the decoded sound of one input into pieces of at least a tick of
-// the consumer, which takes one piece a 40 ms tick (shorter ones would pile
-// up in its queue), each with the capture time of its first sample. Planes
-// travel one after the other in a piece.
+// the consumer (40 ms: fewer, larger hand-overs), each with the capture time
+// of its first sample. Planes travel one after the other in a piece.
 //
 // The sound inputs stamp each packet with the system clock less the latency
 // the sound server reports. That figure swings for about a second after the
@@ -59,7 +58,8 @@ private:
     // Samples in `length`, rounded up.
     qint64 samples(std::chrono::milliseconds length) const;
     void startPiece();
-    void release(Piece& piece, CaptureTime offset);
+    // Hands on the waiting pieces, placed by their stretch's offset (or none).
+    void releaseWaiting(CaptureTime stretchOffset);
     // The offset of the stretch by the stamps that have settled; false while
     // too few have come.
     bool settledOffset(bool final, int64_t* offset);

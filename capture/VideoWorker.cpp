@@ -59,7 +59,8 @@ void releaseFrame(void* frame)
 struct VideoInput : CaptureInput
 {
     VideoInput(const VideoDevice& device, const QRect& region)
-        : device(device)
+        : CaptureInput(AVMEDIA_TYPE_VIDEO)
+        , device(device)
         , region(region)
         , grabbed(platform::grabArea(device.geometry, region))
     {
@@ -125,8 +126,7 @@ bool VideoInput::selectInput()
     if (useDuplicationGrabber(QSysInfo::productVersion(), probeSucceeded, dedicatedGpu)) {
         if (device.geometry.height() > device.geometry.width())
             graph += ",transpose=1";
-        if (!openInput(graph.constData(), device.name, &streamIndex, &options, inputFormat,
-                       &formatContext, &codec, &codecContext, &packet, &frame, AVMEDIA_TYPE_VIDEO))
+        if (!openInput(*this, graph.constData(), device.name, &options))
             return false;
     } else {
         if (dedicatedGpu)
@@ -136,9 +136,7 @@ bool VideoInput::selectInput()
         inputFormat = av_find_input_format(platform::desktopGrabber());
         av_dict_free(&options);
         fillOptions();
-        if (!openInput(platform::desktopUrl().constData(), device.name, &streamIndex, &options,
-                       inputFormat, &formatContext, &codec, &codecContext, &packet, &frame,
-                       AVMEDIA_TYPE_VIDEO))
+        if (!openInput(*this, platform::desktopUrl().constData(), device.name, &options))
             return false;
     }
 

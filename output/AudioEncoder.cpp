@@ -29,6 +29,33 @@ constexpr int variableFrameSize = 10000;
 // put it before the track is corrected (microseconds). They jitter by a few
 // milliseconds; this is half a frame of the picture.
 constexpr int64_t placementTolerance = 20000;
+constexpr int preferredSampleRate = 44100;
+
+int chooseSampleRate(const AVCodec* codec)
+{
+    if (!codec->supported_samplerates)
+        return preferredSampleRate;
+    for (const int* rate = codec->supported_samplerates; *rate; ++rate) {
+        if (*rate == preferredSampleRate)
+            return preferredSampleRate;
+    }
+    return codec->supported_samplerates[0];
+}
+
+// The encoder's layout with the most channels, else plain stereo.
+void chooseChannelLayout(const AVCodec* codec, AVChannelLayout* layout)
+{
+    if (!codec->ch_layouts) {
+        av_channel_layout_default(layout, 2);
+        return;
+    }
+    const AVChannelLayout* best = codec->ch_layouts;
+    for (const AVChannelLayout* candidate = codec->ch_layouts; candidate->nb_channels; ++candidate) {
+        if (candidate->nb_channels > best->nb_channels)
+            best = candidate;
+    }
+    av_channel_layout_copy(layout, best);
+}
 
 AVChannelLayout sourceLayout(const AudioFormat& format)
 {
@@ -46,28 +73,36 @@ AVChannelLayout sourceLayout(const AudioFormat& format)
 
 bool openAudioStream(MuxerOutput& output)
 {
-    if (!openStream(output, Track::audio))
+    const auto configure = [](AVCodecContext* context) {
+        const AVCodec* codec = context->codec;
+        context->sample_fmt = codec->sample_fmts ? codec->sample_fmts[0] : AV_SAMPLE_FMT_FLTP;
+        context->sample_rate = chooseSampleRate(codec);
+        chooseChannelLayout(codec, &context->ch_layout);
+        context->time_base = AVRational{1, context->sample_rate};
+    };
+    if (!openStream(output, output.audio, output.outputFormat->audio_codec, configure))
         return false;
-    AVCodecContext* context = output.audioContext;
+    AVCodecContext* context = output.audio.context;
     output.audioFrameSize = (context->codec->capabilities & AV_CODEC_CAP_VARIABLE_FRAME_SIZE)
                                 ? variableFrameSize
                                 : context->frame_size;
 
-    output.audioFrame = av_frame_alloc();
-    if (!output.audioFrame) {
+    AVFrame*& frame = output.audio.frame;
+    frame = av_frame_alloc();
+    if (!frame) {
         qCWarning(lcScreenReel) << "failed to allocate audio frame: " << avErrorText(AVERROR(ENOMEM));
         return false;
     }
-    av_channel_layout_copy(&output.audioFrame->ch_layout, &context->ch_layout);
-    output.audioFrame->nb_samples = output.audioFrameSize;
-    output.audioFrame->format = context->sample_fmt;
-    output.audioFrame->sample_rate = context->sample_rate;
-    int result = av_frame_get_buffer(output.audioFrame, 0);
+    av_channel_layout_copy(&frame->ch_layout, &context->ch_layout);
+    frame->nb_samples = output.audioFrameSize;
+    frame->format = context->sample_fmt;
+    frame->sample_rate = context->sample_rate;
+    int result = av_frame_get_buffer(frame, 0);
     if (result < 0) {
         qCWarning(lcScreenReel) << "failed to allocate audio frame: " << avErrorText(result);
         return false;
     }
-    result = av_frame_make_writable(output.audioFrame);
+    result = av_frame_make_writable(frame);
     if (result < 0)
         qCWarning(lcScreenReel) << "failed to make audio frame writable: " << avErrorText(result);
 
@@ -95,34 +130,31 @@ bool openAudioStream(MuxerOutput& output)
 
 namespace {
 
-// Hands the first `samples` of audioFrame to the encoder, timed by the
+// Hands the first `samples` of the frame to the encoder, timed by the
 // samples up to their end.
 void encodeAudioFrame(MuxerOutput& output, int samples)
 {
-    output.audioFrame->nb_samples = samples;
-    output.audioSampleCount += uint64_t(samples);
-    output.audioFrame->pts = av_rescale_q(int64_t(output.audioSampleCount), output.audioContext->time_base,
-                                          output.audioStream->time_base);
-    encodeFrame(output.formatContext, output.audioContext, output.audioStream, output.audioFrame,
-                output.audioPacket);
+    OutputTrack& audio = output.audio;
+    audio.frame->nb_samples = samples;
+    audio.count += uint64_t(samples);
+    audio.frame->pts = av_rescale_q(int64_t(audio.count), audio.context->time_base, audio.stream->time_base);
+    encodeFrame(output.formatContext, audio, audio.frame);
 }
 
 // Converts `count` samples per channel and hands every whole frame that comes
 // out to the encoder. A null `planes` empties the resampler. The encoder takes
-// whole frames only: a short rest stays in audioFrame until more comes, since
+// whole frames only: a short rest stays in the frame until more comes, since
 // handing it in short would replay the tail of the frame before.
 void resample(MuxerOutput& output, const uint8_t** planes, int count)
 {
-    const auto format = AVSampleFormat(output.audioFrame->format);
-    const int bytesPerSample = av_get_bytes_per_sample(format)
-                               * (av_sample_fmt_is_planar(format) ? 1 : output.audioFrame->ch_layout.nb_channels);
+    AVFrame* frame = output.audio.frame;
+    const SampleLayout layout = sampleLayout(AVSampleFormat(frame->format), frame->ch_layout.nb_channels);
     for (;;) {
         uint8_t* outPlanes[AV_NUM_DATA_POINTERS] = {};
-        const int offset = output.audioFrameFill * bytesPerSample;
-        for (int i = 0; i < AV_NUM_DATA_POINTERS && output.audioFrame->data[i]; ++i)
-            outPlanes[i] = output.audioFrame->data[i] + offset;
-        const int converted = swr_convert(output.resampler, outPlanes,
-                                          output.audioFrameSize - output.audioFrameFill, planes, count);
+        for (int i = 0; i < layout.planes && i < AV_NUM_DATA_POINTERS; ++i)
+            outPlanes[i] = frame->data[i] + output.audioFrameFill * layout.sampleBytes;
+        const int converted = swr_convert(output.resampler, outPlanes, output.audioFrameSize - output.audioFrameFill,
+                                          planes, count);
         if (converted == 0)
             break;
         if (converted < 0) {
@@ -139,14 +171,15 @@ void resample(MuxerOutput& output, const uint8_t** planes, int count)
     }
 }
 
-// Takes the oldest chunk off the queue; false when there is none. While the
-// picture's start is not known yet, sound with capture times waits for it.
-bool takeChunk(MuxerOutput& output, AudioChunk* chunk)
+// Takes the oldest chunk off the queue if it is due by the picture's time,
+// or at the end (`toEnd`) whatever is left; false when there is none.
+bool takeChunk(MuxerOutput& output, AudioChunk* chunk, bool toEnd)
 {
     QMutexLocker lock(&output.mutex);
-    const Timeline& timeline = output.timeline;
-    if (timeline.start == noCaptureTime && !timeline.untimed
-        && output.audioQueue.firstCaptured() != noCaptureTime)
+    if (output.audioQueue.isEmpty())
+        return false;
+    if (!toEnd && !soundDue(output.timeline, output.audioQueue.firstCaptured(), output.video.count,
+                            output.frameRate))
         return false;
     return output.audioQueue.take(chunk);
 }
@@ -156,39 +189,26 @@ void encodeChunk(MuxerOutput& output, const AudioChunk& chunk, qint64 from, qint
 {
     // A planar source carries its planes one after the other in the chunk.
     const AudioFormat& format = *output.audioFormat;
-    const bool planar = av_sample_fmt_is_planar(format.sampleFormat);
-    const int planeCount = planar ? format.channels : 1;
-    const int sampleSize = av_get_bytes_per_sample(format.sampleFormat) * (planar ? 1 : format.channels);
+    const SampleLayout layout = sampleLayout(format.sampleFormat, format.channels);
     // Never null, even when empty: a null input would empty the resampler.
     const uint8_t* planes[AV_NUM_DATA_POINTERS] = {};
-    const int planeSize = chunk.samples.size() / qMax(planeCount, 1);
+    const int planeSize = chunk.samples.size() / qMax(layout.planes, 1);
     const auto* data = reinterpret_cast<const uint8_t*>(chunk.samples.constData());
-    for (int i = 0; i < planeCount && i < AV_NUM_DATA_POINTERS; ++i)
-        planes[i] = data + i * planeSize + from * sampleSize;
+    for (int i = 0; i < layout.planes && i < AV_NUM_DATA_POINTERS; ++i)
+        planes[i] = data + i * planeSize + from * layout.sampleBytes;
     resample(output, planes, int(count));
 }
 
+// The resampler takes the silence in its own input format; an empty input
+// that is not null then gets it out without ending the stream.
 void encodeSilence(MuxerOutput& output, qint64 count)
 {
-    const AudioFormat& format = *output.audioFormat;
-    const bool planar = av_sample_fmt_is_planar(format.sampleFormat);
-    const int planeCount = planar ? format.channels : 1;
-    const int planeSize = int(count) * av_get_bytes_per_sample(format.sampleFormat) * (planar ? 1 : format.channels);
-    AudioChunk silence{QByteArray(planeSize * planeCount, Qt::Uninitialized), count, noCaptureTime};
-    uint8_t* planes[AV_NUM_DATA_POINTERS] = {};
-    for (int i = 0; i < planeCount && i < AV_NUM_DATA_POINTERS; ++i)
-        planes[i] = reinterpret_cast<uint8_t*>(silence.samples.data()) + i * planeSize;
-    av_samples_set_silence(planes, 0, int(count), format.channels, format.sampleFormat);
-    encodeChunk(output, silence, 0, count);
-}
-
-// The capture time the next source sample on the track is due at.
-CaptureTime audioDue(const MuxerOutput& output)
-{
-    // The track's first sample plays one encoder frame into the file.
-    const int64_t lead = av_rescale(output.audioFrameSize, AV_TIME_BASE, output.audioContext->sample_rate);
-    return output.timeline.start + lead
-           + av_rescale(output.timeline.audioPlaced, AV_TIME_BASE, output.audioFormat->sampleRate);
+    const int result = swr_inject_silence(output.resampler, int(count));
+    if (result < 0)
+        qCWarning(lcScreenReel) << "failed swr convert: " << avErrorText(result);
+    const uint8_t* none[AV_NUM_DATA_POINTERS] = {};
+    none[0] = reinterpret_cast<const uint8_t*>("");
+    resample(output, none, 0);
 }
 
 // Puts the chunk on the track at the place its capture time gives, sound up
@@ -201,24 +221,17 @@ void putOnTrack(MuxerOutput& output, const AudioChunk& chunk, CaptureTime end)
         return;
     }
     const int rate = output.audioFormat->sampleRate;
+    // The track's first sample plays one encoder frame into the file.
+    const int64_t lead = durationOf(output.audioFrameSize, output.audio.context->sample_rate);
     // The start is exact; later the capture times may jitter a little.
-    const int64_t tolerance = timeline.audioPlaced == 0 ? 0 : placementTolerance;
-    const Placement place = placeChunk(audioDue(output), chunk.captured, chunk.sampleCount, rate, tolerance);
-    qint64 silence = place.silence;
-    qint64 count = chunk.sampleCount - place.skip;
-    if (end != noCaptureTime) {
-        const qint64 room = std::max<qint64>(0, av_rescale(end - audioDue(output), rate, AV_TIME_BASE));
-        silence = std::min(silence, room);
-        count = std::min(count, room - silence);
-    }
-    if (silence > 0) {
-        encodeSilence(output, silence);
-        timeline.audioPlaced += silence;
-    }
-    if (count > 0) {
-        encodeChunk(output, chunk, place.skip, count);
-        timeline.audioPlaced += count;
-    }
+    const int64_t tolerance = timeline.soundPlaced == 0 ? 0 : placementTolerance;
+    const Placement place = placeChunk(soundNext(timeline, rate, lead), chunk.captured, chunk.sampleCount, rate,
+                                       tolerance, qint64(AudioQueue::maxSeconds) * rate, end);
+    if (place.silence > 0)
+        encodeSilence(output, place.silence);
+    if (place.keep > 0)
+        encodeChunk(output, chunk, place.skip, place.keep);
+    timeline.soundPlaced += place.silence + place.keep;
 }
 
 } // namespace
@@ -228,13 +241,13 @@ void encodeAudioStep(MuxerOutput& output)
     if (!output.audioFormat)
         return;
     AudioChunk chunk;
-    if (takeChunk(output, &chunk))
+    while (takeChunk(output, &chunk, false))
         putOnTrack(output, chunk, noCaptureTime);
 }
 
 void finishAudio(MuxerOutput& output)
 {
-    if (!output.audioContext || !output.resampler || !output.audioFrame)
+    if (!output.audio.context || !output.resampler || !output.audio.frame)
         return;
     // All the sound the producer delivered before it stopped belongs in the
     // file: the rest of the queue, what the resampler holds, the short last
@@ -243,19 +256,15 @@ void finishAudio(MuxerOutput& output)
     Timeline& timeline = output.timeline;
     if (timeline.start == noCaptureTime && !timeline.untimed)
         fixTimelineStart(timeline);
-    CaptureTime end = noCaptureTime;
-    if (!timeline.untimed)
-        end = timeline.start + int64_t(output.videoFrameCount + 1) * (AV_TIME_BASE / output.frameRate);
+    const CaptureTime end = pictureEnd(timeline, output.video.count, output.frameRate);
     AudioChunk chunk;
-    while (takeChunk(output, &chunk))
+    while (takeChunk(output, &chunk, true))
         putOnTrack(output, chunk, end);
     if (end != noCaptureTime)
         putOnTrack(output, AudioChunk{QByteArray(), 0, end}, end);
     resample(output, nullptr, 0);
     if (output.audioFrameFill > 0)
         encodeAudioFrame(output, std::exchange(output.audioFrameFill, 0));
-    encodeFrame(output.formatContext, output.audioContext, output.audioStream, nullptr,
-                output.audioPacket);
 }
 
 } // namespace orvane

@@ -29,9 +29,10 @@ public:
 
     // The audio thread, under the Muxer's mutex; never waits.
     void append(const AudioChunk& chunk);
-    // The Muxer thread, under the mutex, as the two below. False when empty.
+    // The Muxer thread, under the mutex, as the three below. False when empty.
     bool take(AudioChunk* chunk);
     bool isEmpty() const { return chunks.isEmpty(); }
+    qint64 queuedSamples() const { return queued; }
     // The capture time of the oldest chunk; noCaptureTime when there is none.
     CaptureTime firstCaptured() const { return chunks.isEmpty() ? noCaptureTime : chunks.first().captured; }
 

@@ -8,7 +8,6 @@
 #include <QIODevice>
 
 #include <chrono>
-#include <cmath>
 #include <exception>
 #include <thread>
 #include <utility>
@@ -119,18 +118,6 @@ bool MuxerOutput::setUp()
         qCWarning(lcScreenReel) << "Failed to write header: " << avErrorText(header);
         return false;
     }
-    videoPacket = av_packet_alloc();
-    if (!videoPacket) {
-        qCWarning(lcScreenReel) << "Could not allocate AVPacket";
-        return false;
-    }
-    if (audioFormat) {
-        audioPacket = av_packet_alloc();
-        if (!audioPacket) {
-            qCWarning(lcScreenReel) << "Could not allocate AVPacket";
-            return false;
-        }
-    }
     return true;
 }
 
@@ -139,12 +126,7 @@ MuxerOutput::~MuxerOutput()
     // A Muxer set up but never run, or whose loop failed, is finished here.
     if (valid)
         finish(*this);
-    av_packet_free(&videoPacket);
-    av_packet_free(&audioPacket);
-    av_frame_free(&videoFrame);
-    av_frame_free(&audioFrame);
-    avcodec_free_context(&videoContext);
-    avcodec_free_context(&audioContext);
+    // The tracks free their own handles.
     avformat_free_context(formatContext);
     formatContext = nullptr;
     // FFmpeg may have replaced the buffer first given: free the current one.
@@ -161,12 +143,9 @@ void finish(MuxerOutput& output)
         return;
     output.finished = true;
     finishAudio(output);
-    while (true) {
-        avcodec_send_frame(output.videoContext, nullptr);
-        if (avcodec_receive_packet(output.videoContext, output.videoPacket) != 0)
-            break;
-        toStream(output.videoPacket, output.videoContext, output.videoStream);
-        av_interleaved_write_frame(output.formatContext, output.videoPacket);
+    for (const OutputTrack* track : {&output.video, &output.audio}) {
+        if (track->context)
+            encodeFrame(output.formatContext, *track, nullptr);
     }
     av_write_trailer(output.formatContext);
 }
@@ -225,27 +204,30 @@ std::chrono::milliseconds recordedTime(const MuxerOutput& output)
     // they cover, so that a host stopping at a length gets a picture that
     // long on a busy machine too. The clock's jumps are not in it. Whole
     // numbers: in floating point 803 frames would read 32119 ms.
-    if (!output.videoContext)
+    if (!output.video.context)
         return std::chrono::milliseconds(0);
-    const AVRational timeBase = output.videoContext->time_base;
+    const AVRational timeBase = output.video.context->time_base;
     const int64_t frames = output.pictureFrames.load(std::memory_order_relaxed);
     return std::chrono::milliseconds(frames * 1000 * timeBase.num / timeBase.den);
 }
 
-// The video clock follows the audio clock: when it has fallen more than ten
-// frame times behind, it jumps ten frames ahead. Never the other way.
-bool compareClocks(MuxerOutput& output)
+void runTick(MuxerOutput& output, uint64_t lost)
 {
-    const double videoTimeBase = av_q2d(output.videoContext->time_base);
-    const double threshold = videoTimeBase * 10.0;
-    const double videoPosition = double(output.videoFrameCount) * videoTimeBase;
-    const double audioPosition = av_q2d(output.audioStream->time_base) * double(output.audioSampleCount);
-    if (audioPosition > videoPosition && std::abs(audioPosition - videoPosition) > threshold) {
-        output.videoFrameCount += 10;
-        qCDebug(lcScreenReel) << "video frame count adjusted";
-        return true;
+    // Ticks lost wholly to a late one are not made up, but the video clock
+    // counts them: the picture before stays on for their time, the track
+    // keeps real time, and their sound is due now. Before the first picture
+    // there is no track to keep in time.
+    if (output.video.count > 0) {
+        output.video.count += lost;
+        output.lostTicks += lost;
     }
-    return false;
+    if (output.audioFormat && videoBehind(output.video.count, output.frameRate, output.audio.count,
+                                          output.audio.context->sample_rate)) {
+        output.video.count += 10;
+        qCDebug(lcScreenReel) << "video frame count adjusted";
+    }
+    encodeVideoStep(output);
+    encodeAudioStep(output);
 }
 
 void Muxer::run()
@@ -253,39 +235,26 @@ void Muxer::run()
     setPriority(QThread::TimeCriticalPriority);
     MuxerOutput& out = *state;
     try {
-        // Tick n is due at start + n ticks. Ticks lost wholly to a late one
-        // are not made up, but the video clock counts them: the picture
-        // before stays on for their time, and the track keeps real time.
+        // Tick n is due at start + n ticks; a late one reports the ticks it
+        // lost to the next.
         using Clock = std::chrono::steady_clock;
         const auto tick = std::chrono::milliseconds(1000 / out.frameRate);
         auto deadline = Clock::now() + tick;
+        uint64_t lost = 0;
         for (;;) {
+            runTick(out, std::exchange(lost, 0));
             if (isInterruptionRequested()) {
-                encodeVideoStep(out);
-                encodeAudioStep(out);
                 finish(out);
                 return;
             }
-            {
-                QMutexLocker lock(&out.mutex);
-                if (out.audioFormat)
-                    compareClocks(out);
-            }
-            encodeVideoStep(out);
-            encodeAudioStep(out);
             // Once, early: the ticks move to where the grabber's images
             // arrive half a tick before them, not by a hair.
             deadline += std::exchange(out.timeline.delay, {});
 
             const auto now = Clock::now();
             if (now - deadline >= tick) {
-                const auto lost = (now - deadline) / tick;
-                deadline += lost * tick;
-                // Before the first picture there is no track to keep in time.
-                if (out.videoFrameCount > 0) {
-                    out.videoFrameCount += uint64_t(lost);
-                    out.lostTicks += uint64_t(lost);
-                }
+                lost = uint64_t((now - deadline) / tick);
+                deadline += int64_t(lost) * tick;
             } else {
                 std::this_thread::sleep_until(deadline);
             }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "AudioQueue.h"
+#include "Timeline.h"
 #include "pipeline/AudioFormat.h"
 #include "pipeline/CaptureTime.h"
 
@@ -13,8 +14,12 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
-#include <vector>
+
+extern "C" {
+#include <libavcodec/codec_id.h>
+}
 
 class QIODevice;
 struct AVCodecContext;
@@ -28,24 +33,22 @@ struct SwrContext;
 
 namespace orvane {
 
-// Where the two tracks stand on the capture clock, where the inputs give
-// capture times. Muxer thread only.
-struct Timeline
+// One track of the output: its encoder, stream and reusable frame and packet,
+// and its clock. Frees what it holds.
+struct OutputTrack
 {
-    // The capture time that belongs to time 0 of the file, measured as the
-    // median over new images of their capture time less their time in the
-    // file. The sound begins there, and follows it when it moves.
-    CaptureTime start = noCaptureTime;
-    std::vector<CaptureTime> starts;  // the measurements since the last look
-    CaptureTime lastLook = noCaptureTime;  // their median at the last look
-    uint64_t firstFrame = 0;          // video clock at the first picture (from 1)
-    bool settled = false;             // the grabber's first second is over
-    // How long new images waited for their tick (milliseconds), while the
-    // ticks' phase is being chosen; then how far to delay the next tick.
-    std::vector<double> waits;
-    std::chrono::microseconds delay{0};
-    bool untimed = false;             // an input gives none: the counters alone time the tracks
-    qint64 audioPlaced = 0;           // source samples on the audio track, silence included
+    OutputTrack(const char* openFailure, int64_t bitRate) : openFailure(openFailure), bitRate(bitRate) {}
+    ~OutputTrack();
+
+    const char* const openFailure;  // the warning when its encoder does not open
+    const int64_t bitRate;
+    AVCodecContext* context = nullptr;
+    AVStream* stream = nullptr;  // the format context's
+    // The last converted picture, encoded again when no new image came; or
+    // the samples waiting for the rest of an encoder frame.
+    AVFrame* frame = nullptr;
+    AVPacket* packet = nullptr;
+    uint64_t count = 0;  // the clock: frames, or samples; Muxer thread only
 };
 
 // Everything the Muxer works with. Set up before its thread starts and taken
@@ -65,21 +68,13 @@ struct MuxerOutput
     const std::optional<AudioFormat> audioFormat;
     const uint8_t frameRate = 25;
 
-    AVFrame* videoFrame = nullptr;  // the last converted picture, encoded again when no new image came
-    AVFrame* audioFrame = nullptr;
-    AVCodecContext* videoContext = nullptr;
-    AVCodecContext* audioContext = nullptr;
-    SwrContext* resampler = nullptr;   // source samples to the encoder's format
+    OutputTrack video{"could not open video codec: ", 1800000};
+    OutputTrack audio{"could not open audio codec: ", 64000};
+    SwrContext* resampler = nullptr;   // source samples to the audio encoder's format
     AVFormatContext* formatContext = nullptr;
     const AVOutputFormat* outputFormat = nullptr;
-    AVStream* videoStream = nullptr;
-    AVStream* audioStream = nullptr;
-    AVPacket* videoPacket = nullptr;
-    AVPacket* audioPacket = nullptr;
     AVIOContext* ioContext = nullptr;
 
-    uint64_t videoFrameCount = 0;   // video clock, in frames; Muxer thread only
-    uint64_t audioSampleCount = 0;  // audio clock, in samples; Muxer thread only
     Timeline timeline;              // Muxer thread only
     uint64_t lostTicks = 0;         // ticks the picture before covers; Muxer thread only
     // Frames the video encoder has taken and the lost ticks between them:
@@ -92,49 +87,29 @@ struct MuxerOutput
     std::chrono::steady_clock::time_point imageArrived;  // mutex; when it was handed in
     bool imageFresh = false;        // mutex; image not yet taken
     int audioFrameSize = 0;         // samples per channel in each encoder frame
-    int audioFrameFill = 0;         // samples in audioFrame still waiting for the rest of it
+    int audioFrameFill = 0;         // samples in audio.frame still waiting for the rest of it
 };
 
-// Adds the track's stream and opens its encoder with the track's constants
-// (videoStream and videoContext, or audioStream and audioContext).
-enum class Track { video, audio };
-bool openStream(MuxerOutput& output, Track track);
+// Adds the track's stream and opens its encoder, found by `codec`, with the
+// track's bit rate and what `configure` sets (the time base among it), and
+// makes its packet.
+bool openStream(MuxerOutput& output, OutputTrack& track, AVCodecID codec,
+                const std::function<void(AVCodecContext*)>& configure);
 // The track's stream, then what its encoder is given: the picture, or the
 // frame and the resampler.
 bool openVideoStream(MuxerOutput& output);
 bool openAudioStream(MuxerOutput& output);
-// One tick's work on the Muxer thread.
+// One tick of the loop, on the Muxer thread, after `lost` ticks the machine
+// gave it no time for: the clocks' comparison (the video clock jumps ten
+// frames to meet the audio clock), the picture, then all the sound due by
+// the picture's time.
+void runTick(MuxerOutput& output, uint64_t lost);
 void encodeVideoStep(MuxerOutput& output);
 void encodeAudioStep(MuxerOutput& output);
 // Encodes all the sound still waiting, to its last sample.
 void finishAudio(MuxerOutput& output);
 // Ends both tracks and writes the trailer, once.
 void finish(MuxerOutput& output);
-// Under mutex, Muxer thread: lets the video clock catch up with the audio
-// clock by a jump of ten frames. True when it jumped.
-bool compareClocks(MuxerOutput& output);
-// Muxer thread. A new image of capture time `captured`, handed in `waited`
-// before this tick, went into the picture under the current video clock:
-// measurements of the ticks' phase and of the timeline's start.
-void noteImage(MuxerOutput& output, CaptureTime captured, std::chrono::microseconds waited);
-// The delay of the ticks that makes images wait half a tick on average, from
-// how long they waited (milliseconds, each within a tick).
-std::chrono::microseconds tickDelay(const std::vector<double>& waits, int frameRate);
-// Muxer thread. Fixes the timeline's start by what has been measured, if
-// anything (else the tracks are timed by the counters alone).
-void fixTimelineStart(Timeline& timeline);
-// Where a chunk of `count` source samples captured at `captured` goes on an
-// audio track whose next sample is due at `due` (both on the capture clock),
-// at `rate` samples a second: samples to drop from its head (sound from
-// before the track's start, or that overlaps sound already placed), or
-// silence to put before it (a gap: a suspended or starved source, chunks
-// dropped). Offsets within `tolerance` microseconds are left alone.
-struct Placement
-{
-    qint64 skip = 0;
-    qint64 silence = 0;
-};
-Placement placeChunk(CaptureTime due, CaptureTime captured, qint64 count, int rate, int64_t tolerance);
 // Any thread: the frames given to the video encoder, in milliseconds.
 std::chrono::milliseconds recordedTime(const MuxerOutput& output);
 

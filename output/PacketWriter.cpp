@@ -1,6 +1,7 @@
 #include "PacketWriter.h"
 
 #include "AvError.h"
+#include "MuxerOutput.h"
 #include "pipeline/Logging.h"
 
 #include <cstdio>
@@ -34,6 +35,19 @@ QString formatTime(int64_t value, AVRational timeBase)
     return QString::fromLocal8Bit(text);
 }
 
+// Puts a packet from the encoder into the stream's time base and index.
+void toStream(AVPacket* packet, const AVCodecContext* codecContext, const AVStream* stream)
+{
+    // libavcodec leaves video packets without a duration, and the MP4 muxer
+    // then gives the last frame none: its edit list cuts that frame off.
+    // The encoder's time base is one frame.
+    if (codecContext->codec_type == AVMEDIA_TYPE_VIDEO && packet->duration == 0)
+        packet->duration = 1;
+    // Read at each packet: writing the header may have changed it.
+    av_packet_rescale_ts(packet, codecContext->time_base, stream->time_base);
+    packet->stream_index = stream->index;
+}
+
 } // namespace
 
 void logPacket(const AVFormatContext* formatContext, const AVPacket* packet)
@@ -59,21 +73,10 @@ int64_t frameNumber(const AVCodecContext* context)
 #endif
 }
 
-void toStream(AVPacket* packet, const AVCodecContext* codecContext, const AVStream* stream)
+void encodeFrame(AVFormatContext* formatContext, const OutputTrack& track, AVFrame* frame)
 {
-    // libavcodec leaves video packets without a duration, and the MP4 muxer
-    // then gives the last frame none: its edit list cuts that frame off.
-    // The encoder's time base is one frame.
-    if (codecContext->codec_type == AVMEDIA_TYPE_VIDEO && packet->duration == 0)
-        packet->duration = 1;
-    // Read at each packet: writing the header may have changed it.
-    av_packet_rescale_ts(packet, codecContext->time_base, stream->time_base);
-    packet->stream_index = stream->index;
-}
-
-void encodeFrame(AVFormatContext* formatContext, AVCodecContext* codecContext, AVStream* stream,
-                 AVFrame* frame, AVPacket* packet)
-{
+    AVCodecContext* codecContext = track.context;
+    AVPacket* packet = track.packet;
     int result = avcodec_send_frame(codecContext, frame);
     if (result < 0) {
         qCWarning(lcScreenReel) << "Error sending a frame to the Muxer: " << avErrorText(result);
@@ -87,7 +90,7 @@ void encodeFrame(AVFormatContext* formatContext, AVCodecContext* codecContext, A
             qCWarning(lcScreenReel) << "Error encoding a frame: " << avErrorText(result);
             return;
         }
-        toStream(packet, codecContext, stream);
+        toStream(packet, codecContext, track.stream);
         logPacket(formatContext, packet);
         // Takes over the packet's reference and leaves it blank for the next one.
         result = av_interleaved_write_frame(formatContext, packet);

@@ -10,14 +10,12 @@ struct AVStream;
 
 namespace orvane {
 
-// Encodes one frame and writes every packet the encoder has ready, timed in
-// the stream's time base, through the interleaver. Failures are logged and
-// the recording goes on.
-void encodeFrame(AVFormatContext* formatContext, AVCodecContext* codecContext, AVStream* stream,
-                 AVFrame* frame, AVPacket* packet);
+struct OutputTrack;
 
-// Puts a packet from the encoder into the stream's time base and index.
-void toStream(AVPacket* packet, const AVCodecContext* codecContext, const AVStream* stream);
+// Encodes one frame on the track (null: drains its encoder) and writes every
+// packet the encoder has ready, timed in the stream's time base, through the
+// interleaver. Failures are logged and the recording goes on.
+void encodeFrame(AVFormatContext* formatContext, const OutputTrack& track, AVFrame* frame);
 
 // FFmpeg's count of the frames given to an encoder (renamed in libavcodec 60).
 int64_t frameNumber(const AVCodecContext* context);

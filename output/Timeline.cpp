@@ -1,10 +1,6 @@
-// The two tracks on the capture clock. The picture's track is timed by the
-// Muxer's ticks; where the inputs give capture times, its start on that
-// clock is measured, and the sound is placed by its own capture times from
-// there: what was captured before the picture began is cut off, and a gap
-// in the sound becomes as much silence, so both keep real time.
+#include "Timeline.h"
 
-#include "MuxerOutput.h"
+#include "pipeline/Logging.h"
 
 #include <algorithm>
 #include <cmath>
@@ -39,6 +35,11 @@ constexpr std::chrono::microseconds moveAtLeast = 20ms;
 
 } // namespace
 
+int64_t durationOf(int64_t count, int rate)
+{
+    return av_rescale(count, AV_TIME_BASE, rate);
+}
+
 void fixTimelineStart(Timeline& timeline)
 {
     if (timeline.starts.empty()) {
@@ -67,17 +68,16 @@ std::chrono::microseconds tickDelay(const std::vector<double>& waits, int frameR
     return std::chrono::microseconds(int64_t(delay * 1000));
 }
 
-void noteImage(MuxerOutput& output, CaptureTime captured, std::chrono::microseconds waited)
+void noteImage(Timeline& timeline, CaptureTime captured, std::chrono::microseconds waited, uint64_t frames,
+               int frameRate)
 {
-    Timeline& timeline = output.timeline;
     if (timeline.untimed)
         return;
     if (captured == noCaptureTime) {
         timeline.untimed = true;
         return;
     }
-    const int64_t frame = AV_TIME_BASE / output.frameRate;
-    const CaptureTime start = captured - int64_t(output.videoFrameCount) * frame;
+    const CaptureTime start = captured - durationOf(int64_t(frames), frameRate);
     if (timeline.start != noCaptureTime) {
         timeline.starts.push_back(start);
         if (timeline.starts.size() < lookImages)
@@ -85,20 +85,23 @@ void noteImage(MuxerOutput& output, CaptureTime captured, std::chrono::microseco
         const CaptureTime look = median(timeline.starts);
         timeline.starts.clear();
         if (std::abs(look - timeline.start) >= moveAtLeast.count() && timeline.lastLook != noCaptureTime
-            && std::abs(look - timeline.lastLook) < moveAtLeast.count())
+            && std::abs(look - timeline.lastLook) < moveAtLeast.count()) {
+            // The sound follows: a gap of silence, or a cut, of that length.
+            qCDebug(lcScreenReel) << "the picture's start moved by" << (look - timeline.start) / 1000 << "ms";
             timeline.start = look;
+        }
         timeline.lastLook = look;
         return;
     }
     if (timeline.firstFrame == 0)
-        timeline.firstFrame = output.videoFrameCount;
-    const uint64_t since = output.videoFrameCount - timeline.firstFrame;
+        timeline.firstFrame = frames;
+    const uint64_t since = frames - timeline.firstFrame;
     if (since >= burstTicks && since < settleTicks)
         timeline.waits.push_back(double(waited.count()) / 1000.0);
     if (since >= settleTicks && !timeline.settled) {
         // The ticks move from the next one on. What was measured so far
         // stands in only for a recording that ends before the next second.
-        timeline.delay = tickDelay(timeline.waits, output.frameRate);
+        timeline.delay = tickDelay(timeline.waits, frameRate);
         timeline.waits = {};
         timeline.starts.clear();
         timeline.settled = true;
@@ -109,15 +112,52 @@ void noteImage(MuxerOutput& output, CaptureTime captured, std::chrono::microseco
         fixTimelineStart(timeline);
 }
 
-Placement placeChunk(CaptureTime due, CaptureTime captured, qint64 count, int rate, int64_t tolerance)
+CaptureTime pictureEnd(const Timeline& timeline, uint64_t frames, int frameRate)
 {
+    if (timeline.untimed || timeline.start == noCaptureTime)
+        return noCaptureTime;
+    return timeline.start + durationOf(int64_t(frames) + 1, frameRate);
+}
+
+bool soundDue(const Timeline& timeline, CaptureTime captured, uint64_t frames, int frameRate)
+{
+    if (timeline.untimed || captured == noCaptureTime)
+        return true;
+    const CaptureTime end = pictureEnd(timeline, frames, frameRate);
+    return end != noCaptureTime && captured < end;
+}
+
+CaptureTime soundNext(const Timeline& timeline, int rate, int64_t lead)
+{
+    return timeline.start + lead + durationOf(timeline.soundPlaced, rate);
+}
+
+Placement placeChunk(CaptureTime due, CaptureTime captured, qint64 count, int rate, int64_t tolerance,
+                     qint64 maxSilence, CaptureTime end)
+{
+    Placement place;
     const int64_t offset = captured - due;
-    if (std::abs(offset) <= tolerance)
-        return {};
-    const qint64 samples = av_rescale(std::abs(offset), rate, AV_TIME_BASE);
-    if (offset < 0)
-        return {std::min(samples, count), 0};
-    return {0, std::min<qint64>(samples, qint64(AudioQueue::maxSeconds) * rate)};
+    if (std::abs(offset) > tolerance) {
+        const qint64 samples = av_rescale(std::abs(offset), rate, AV_TIME_BASE);
+        if (offset < 0)
+            place.skip = std::min(samples, count);
+        else
+            place.silence = std::min(samples, maxSilence);
+    }
+    place.keep = count - place.skip;
+    if (end != noCaptureTime) {
+        const qint64 room = std::max<qint64>(0, av_rescale(end - due, rate, AV_TIME_BASE));
+        place.silence = std::min(place.silence, room);
+        place.keep = std::min(place.keep, room - place.silence);
+    }
+    return place;
+}
+
+bool videoBehind(uint64_t frames, int frameRate, uint64_t samples, int sampleRate)
+{
+    // In whole numbers: the sound's position beyond the picture's by more
+    // than ten frames.
+    return samples * uint64_t(frameRate) > (frames + 10) * uint64_t(sampleRate);
 }
 
 } // namespace orvane

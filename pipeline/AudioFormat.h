@@ -24,4 +24,18 @@ struct AudioFormat
     }
 };
 
+// How samples lie in memory: a plane per channel in a planar format, else
+// one plane of interleaved channels; `sampleBytes` of one sample in a plane.
+struct SampleLayout
+{
+    int planes;
+    int sampleBytes;
+};
+
+inline SampleLayout sampleLayout(AVSampleFormat format, int channels)
+{
+    const bool planar = av_sample_fmt_is_planar(format);
+    return {planar ? channels : 1, av_get_bytes_per_sample(format) * (planar ? 1 : channels)};
+}
+
 } // namespace orvane
