@@ -2,17 +2,22 @@
 // lie apart. Every flash (the top-left patch turns white) comes with a beep
 // at the same instant; the first white frame and the beep's onset are found
 // in the file, paired, and their distance (audio minus video) followed over
-// the recording. Further files are references the first is compared with.
+// the recording.
 //
 //   sync-analyse [--pairs] [--beep HZ] [--max-gap MS] [--max-drift MS_PER_MIN]
-//                [--silence AT:FOR] FILE [REFERENCE...]
+//                [--silence AT:FOR] FILE [REFERENCE [OTHER...]]
 //
-// --silence says the sound stopped AT seconds in for FOR seconds: the first
-// file's offset after that must be where it was before (within the gap
-// limit), and its sound as long as its picture (within 100 ms).
+// FILE is judged against REFERENCE: their offsets at the start and at the
+// end must lie within the gap limit of each other. OTHER files are measured
+// and compared with FILE for information only. The drift is judged only
+// when --max-drift is given (a short recording's drift estimate is mostly
+// the scatter of its pairs). --silence says the sound stopped AT seconds in
+// for FOR seconds: FILE's offset after that must be where it was before
+// (within the gap limit), and its sound as long as its picture (within
+// 100 ms).
 //
-// Exit status: 0 when the file(s) could be analysed and the comparison is
-// within the limits, 1 when a limit is exceeded, 2 when analysis failed.
+// Exit status: 0 when the files could be analysed and FILE is within the
+// limits, 1 when a limit is exceeded, 2 when analysis failed.
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -434,7 +439,7 @@ int main(int argc, char** argv)
 {
     double beepHz = 1000;
     double maxGap = 45;
-    double maxDrift = 5;
+    double maxDrift = NAN;  // not judged
     double silenceAt = -1, silenceFor = 0;
     bool pairs = false;
     std::vector<const char*> files;
@@ -450,7 +455,7 @@ int main(int argc, char** argv)
         } else if (arg == "-h" || arg == "--help" || arg.rfind("--", 0) == 0) {
             std::fprintf(stderr,
                          "usage: %s [--pairs] [--beep HZ] [--max-gap MS] [--max-drift MS_PER_MIN]"
-                         " [--silence AT:FOR] FILE [REFERENCE...]\n",
+                         " [--silence AT:FOR] FILE [REFERENCE [OTHER...]]\n",
                          argv[0]);
             return 2;
         } else {
@@ -463,30 +468,51 @@ int main(int argc, char** argv)
     }
     av_log_set_level(AV_LOG_ERROR);
 
+    // A file compared for information only that cannot be measured is
+    // reported and left out; the judged file and its reference must be.
     std::vector<Summary> summaries;
+    std::vector<const char*> measured;
     for (const char* path : files) {
+        const bool judged = measured.size() < 2;
         Events events;
-        if (!analyse(path, beepHz, &events))
-            return 2;
-        summaries.push_back(summarise(events));
-        print(path, events, summaries.back(), pairs);
-        if (summaries.back().pairs.size() < 2) {
-            std::fprintf(stderr, "%s: too few flash and beep pairs to measure\n", path);
-            return 2;
+        if (!analyse(path, beepHz, &events)) {
+            if (judged)
+                return 2;
+            continue;
         }
+        const Summary summary = summarise(events);
+        print(path, events, summary, pairs);
+        if (summary.pairs.size() < 2) {
+            std::fprintf(stderr, "%s: too few flash and beep pairs to measure\n", path);
+            if (judged)
+                return 2;
+            continue;
+        }
+        summaries.push_back(summary);
+        measured.push_back(path);
     }
 
     const Summary& ours = summaries.front();
-    bool within = std::abs(ours.drift) < maxDrift;
-    std::printf("drift %+.2f ms/min (limit %.0f): %s\n", ours.drift, maxDrift,
-                std::abs(ours.drift) < maxDrift ? "within" : "OUTSIDE");
+    bool within = true;
+    if (std::isnan(maxDrift)) {
+        std::printf("drift %+.2f ms/min (not judged)\n", ours.drift);
+    } else {
+        const bool steady = std::abs(ours.drift) < maxDrift;
+        within = steady;
+        std::printf("drift %+.2f ms/min (limit %.0f): %s\n", ours.drift, maxDrift, steady ? "within" : "OUTSIDE");
+    }
     for (size_t i = 1; i < summaries.size(); ++i) {
         const Summary& ref = summaries[i];
         const double atStart = ours.start - ref.start;
         const double atEnd = ours.end - ref.end;
+        if (i > 1) {
+            std::printf("first minus %s: start %+.1f ms, end %+.1f ms (for comparison)\n", measured[i], atStart,
+                        atEnd);
+            continue;
+        }
         const bool close = std::abs(atStart) <= maxGap && std::abs(atEnd) <= maxGap;
         within = within && close;
-        std::printf("first minus %s: start %+.1f ms, end %+.1f ms (limit %.0f): %s\n", files[i], atStart,
+        std::printf("first minus %s: start %+.1f ms, end %+.1f ms (limit %.0f): %s\n", measured[i], atStart,
                     atEnd, maxGap, close ? "within" : "OUTSIDE");
     }
     if (silenceAt >= 0) {

@@ -9,14 +9,16 @@
 # varies from run to run by hundreds of milliseconds. Its second recording
 # keeps the devices' own capture times (-copyts, every frame's to the
 # millisecond): that one shows where sound and picture really lie, and ours
-# is held against it.
+# is judged against it; the plain command line is printed for comparison.
 #
 #   bench/sync-bench.sh [SECONDS] [--load N] [--runs K] [--suspend AT:FOR] [--out DIR]
 #
 # SECONDS defaults to 60 (600 for ten minutes). --load keeps N busy processes
 # running during each recording, --runs repeats the whole, --suspend stops
 # the sound source AT seconds in for FOR seconds. One line a run, then how
-# many runs kept within the limits. Runs inside a private display and sound
+# many runs kept ours within 45 ms of the capture-time reference at the start
+# and at the end; the drift is judged only from 600 s on (over a minute it is
+# mostly the scatter of single pairs). Runs inside a private display and sound
 # server of its own; SCREENREEL_BUILD names another build tree than build/.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -32,7 +34,7 @@ while [ $# -gt 0 ]; do
         --runs) runs=$2; shift ;;
         --suspend) suspend=$2; shift ;;
         --out) out=$2; shift ;;
-        -h | --help) sed -n '2,19s/^# \{0,1\}//p' "$0"; exit 0 ;;
+        -h | --help) sed -n '2,21s/^# \{0,1\}//p' "$0"; exit 0 ;;
         [0-9]*) seconds=$1 ;;
         *) say "unknown option $1"; exit 2 ;;
     esac
@@ -123,6 +125,11 @@ figures() {  # output file
         hit && /drift .* ms\/min$/ { print s + 0, e + 0, $2 + 0; exit }' "$1"
 }
 
+# A minute's drift estimate scatters by up to 25 ms/min at load: only a long
+# run is judged on it.
+drift_limit=()
+[ "$seconds" -ge 600 ] && drift_limit=(--max-drift 2)
+
 kept=0
 for ((run = 1; run <= runs; run++)); do
     dir=$out
@@ -137,8 +144,10 @@ for ((run = 1; run <= runs; run++)); do
         echo "$way: CPU ${user}+${sys} s over ${wall} s, peak memory $((rss / 1024)) MiB, ended: $(ending "$dir/$way.time")"
     done
     verdict=within
-    "$build/bench/sync-analyse" --max-drift 2 ${suspend:+--silence "${suspend}"} \
-        "$dir/ours.mp4" "$dir/cli.mp4" "$dir/clock.mkv" >"$dir/summary.txt" || verdict=OUTSIDE
+    # Ours is judged against the capture-time reference; the plain command
+    # line only for comparison.
+    "$build/bench/sync-analyse" "${drift_limit[@]}" ${suspend:+--silence "${suspend}"} \
+        "$dir/ours.mp4" "$dir/clock.mkv" "$dir/cli.mp4" >"$dir/summary.txt" || verdict=OUTSIDE
     cat "$dir/summary.txt"
     read -r os oe od < <(figures "$dir/summary.txt" "$dir/ours.mp4")
     read -r rs re rd < <(figures "$dir/summary.txt" "$dir/clock.mkv")
@@ -149,4 +158,4 @@ for ((run = 1; run <= runs; run++)); do
     echo "run $run: $line${extra:+; $extra}: $verdict"
     [ "$verdict" = within ] && kept=$((kept + 1))
 done
-echo "$kept of $runs runs within 45 ms (drift under 2 ms/min${suspend:+, the silence kept})"
+echo "$kept of $runs runs: ours within 45 ms of the -copyts reference at start and end${drift_limit:+, drift under 2 ms/min}${suspend:+, the silence kept}"
