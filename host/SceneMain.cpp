@@ -32,6 +32,9 @@ constexpr int sampleRate = 48000;
 constexpr qint64 periodFrames = qint64(sampleRate) * periodMs / 1000;
 constexpr qint64 flashFrames = qint64(sampleRate) * flashMs / 1000;
 constexpr int frameBytes = 4;  // 16-bit stereo
+// How far the sound may fall behind the scene's clock before it counts as
+// stalled.
+constexpr qint64 stallFrames = sampleRate / 10;
 
 // The beeps as one endless stream, silence between them. A stream started
 // for each beep reaches the sink late by its own start-up, different every
@@ -62,14 +65,17 @@ protected:
         if (frames <= 0)
             return 0;
         // The first frame written now is heard once what the output holds
-        // has played. When the count fell behind the clock, the output
-        // stood still or played silence meanwhile (a sound server takes a
-        // second or two to start a new stream's sink, a sink can be
-        // suspended, a busy scene can fail to feed it): the count moves on to
-        // where the clock is, so later beeps still meet their flashes.
+        // has played. When the count fell well behind the clock, the output
+        // stood still meanwhile (PulseAudio takes a second or two to start a
+        // new stream's sink, a sink can be suspended, a busy scene can fail
+        // to feed it): the count moves on to where the clock is, so later
+        // beeps still meet their flashes. Not for less: a server can hold
+        // more than the output says (PipeWire some 60 ms more), and a count
+        // only that far behind is still on time there.
         const qint64 held = output ? qMax(0, output->bufferSize() - output->bytesFree()) / frameBytes : 0;
-        const qint64 heardAt = clock.nsecsElapsed() * sampleRate / 1000000000 + held;
-        if (next < 0 || next < heardAt - held) {
+        const qint64 now = clock.nsecsElapsed() * sampleRate / 1000000000;
+        const qint64 heardAt = now + held;
+        if (next < 0 || next < now - stallFrames) {
             if (next >= 0)
                 qWarning("scene: the sound output stalled; the beeps move %.0f ms on with it",
                          double(heardAt - next) * 1000.0 / sampleRate);
