@@ -11,11 +11,14 @@
 # millisecond): that one shows where sound and picture really lie, and ours
 # is judged against it; the plain command line is printed for comparison.
 #
-#   bench/sync-bench.sh [SECONDS] [--load N] [--runs K] [--suspend AT:FOR] [--out DIR]
+#   bench/sync-bench.sh [SECONDS] [--load N] [--runs K] [--suspend AT:FOR]
+#                       [--server pulse|pipewire] [--out DIR]
 #
 # SECONDS defaults to 60 (600 for ten minutes). --load keeps N busy processes
 # running during each recording, --runs repeats the whole, --suspend stops
-# the sound source AT seconds in for FOR seconds. One line a run, then how
+# the sound source AT seconds in for FOR seconds, --server picks the sound
+# server (PulseAudio, or PipeWire with its PulseAudio server, which every
+# recorder here goes through). One line a run, then how
 # many runs kept ours within 45 ms of the capture-time reference at the start
 # and at the end; the drift is judged only from 600 s on (over a minute it is
 # mostly the scatter of single pairs). Runs inside a private display and sound
@@ -27,30 +30,40 @@ seconds=60
 load=0
 runs=1
 suspend=""
+server=pulse
 out=""
 while [ $# -gt 0 ]; do
     case "$1" in
         --load) load=$2; shift ;;
         --runs) runs=$2; shift ;;
         --suspend) suspend=$2; shift ;;
+        --server) server=$2; shift ;;
         --out) out=$2; shift ;;
-        -h | --help) sed -n '2,21s/^# \{0,1\}//p' "$0"; exit 0 ;;
+        -h | --help) sed -n '2,24s/^# \{0,1\}//p' "$0"; exit 0 ;;
         [0-9]*) seconds=$1 ;;
         *) say "unknown option $1"; exit 2 ;;
     esac
     shift
 done
 out=${out:-$build/bench-out/sync}
+case "$server" in
+    pulse | pipewire) ;;
+    *) say "--server takes pulse or pipewire"; exit 2 ;;
+esac
 if [ -n "$suspend" ] && ! [[ $suspend =~ ^[0-9]+:[0-9]+$ ]]; then
     say "--suspend takes AT:FOR in whole seconds"
     exit 2
 fi
 
 if [ -z "${SCREENREEL_BENCH_SESSION:-}" ]; then
-    ensure_base_packages
+    if [ "$server" = pipewire ]; then
+        ensure_base_packages pipewire pipewire-bin wireplumber pipewire-pulse dbus
+    else
+        ensure_base_packages
+    fi
     build_targets ScreenReel screenreel-record screenreel-scene sync-analyse
-    ensure_session --display --sound -- "$0" "$seconds" --load "$load" --runs "$runs" \
-        ${suspend:+--suspend "$suspend"} --out "$out"
+    ensure_session --display --sound "$server" -- "$0" "$seconds" --load "$load" --runs "$runs" \
+        ${suspend:+--suspend "$suspend"} --server "$server" --out "$out"
 fi
 
 limit=$((seconds + 30))
@@ -134,7 +147,7 @@ kept=0
 for ((run = 1; run <= runs; run++)); do
     dir=$out
     [ "$runs" -gt 1 ] && dir=$out/run$run
-    say "run $run of $runs: recording ${seconds} s three ways at once, load $load"
+    say "run $run of $runs: recording ${seconds} s three ways at once, load $load, sound server $server"
     if ! record "$dir"; then
         echo "run $run: no recording to measure"
         continue
