@@ -11,6 +11,7 @@
 #include <QIODevice>
 #include <QPainter>
 #include <QScreen>
+#include <QThread>
 #include <QTimer>
 #include <QWidget>
 #include <QtEndian>
@@ -102,6 +103,46 @@ private:
     qint64 next = -1;  // the next frame to write, on the scene's clock
 };
 
+// Plays the beeps on a thread of its own: the scene's painting, a full
+// screen every 10 ms, would otherwise delay feeding the sound on a busy
+// machine until the output runs dry.
+class BeepPlayer : public QObject
+{
+public:
+    explicit BeepPlayer(const QElapsedTimer& clock)
+        : clock(clock)
+    {
+    }
+
+    // On the sound's thread, where the output and the stream then live.
+    void start()
+    {
+        QAudioFormat format;
+        format.setSampleRate(sampleRate);
+        format.setChannelCount(2);
+        format.setSampleSize(16);
+        format.setCodec(QStringLiteral("audio/pcm"));
+        format.setByteOrder(QAudioFormat::LittleEndian);
+        format.setSampleType(QAudioFormat::SignedInt);
+        output = std::make_unique<QAudioOutput>(format);
+        // Where a beep is heard follows from its frame's number, not from
+        // how much is buffered: room for 200 ms keeps the output from
+        // running dry.
+        output->setBufferSize(sampleRate * frameBytes / 5);
+        beeps = std::make_unique<BeepStream>(clock);
+        beeps->setOutput(output.get());
+        // Unbuffered: what the output holds is then all that waits.
+        beeps->open(QIODevice::ReadOnly | QIODevice::Unbuffered);
+        output->start(beeps.get());
+    }
+
+private:
+    const QElapsedTimer& clock;
+    // The stream outlives the output that reads it.
+    std::unique_ptr<BeepStream> beeps;
+    std::unique_ptr<QAudioOutput> output;
+};
+
 class Scene : public QWidget
 {
 public:
@@ -115,33 +156,23 @@ public:
         timer->setTimerType(Qt::PreciseTimer);
         connect(timer, &QTimer::timeout, this, [this] { tick(); });
         timer->start(10);
-        if (flash)
-            prepareBeep();
+        if (flash) {
+            auto* player = new BeepPlayer(clock);
+            player->moveToThread(&sound);
+            connect(&sound, &QThread::started, player, [player] { player->start(); });
+            connect(&sound, &QThread::finished, player, &QObject::deleteLater);
+            sound.start();
+        }
+    }
+
+    ~Scene() override
+    {
+        sound.quit();
+        sound.wait();
     }
 
 private:
     void tick() { update(); }
-
-    void prepareBeep()
-    {
-        QAudioFormat format;
-        format.setSampleRate(sampleRate);
-        format.setChannelCount(2);
-        format.setSampleSize(16);
-        format.setCodec(QStringLiteral("audio/pcm"));
-        format.setByteOrder(QAudioFormat::LittleEndian);
-        format.setSampleType(QAudioFormat::SignedInt);
-        output = std::make_unique<QAudioOutput>(format);
-        // Where a beep is heard follows from its frame's number, not from
-        // how much is buffered: room for 200 ms keeps a busy scene from
-        // running dry.
-        output->setBufferSize(sampleRate * frameBytes / 5);
-        beeps = std::make_unique<BeepStream>(clock);
-        beeps->setOutput(output.get());
-        // Unbuffered: what the output holds is then all that waits.
-        beeps->open(QIODevice::ReadOnly | QIODevice::Unbuffered);
-        output->start(beeps.get());
-    }
 
     void paintEvent(QPaintEvent*) override
     {
@@ -174,9 +205,7 @@ private:
 
     const bool flash;
     QElapsedTimer clock;
-    // The stream outlives the output that reads it.
-    std::unique_ptr<BeepStream> beeps;
-    std::unique_ptr<QAudioOutput> output;
+    QThread sound;
 };
 
 // A still card on one screen: its left and right halves in the screen's two
