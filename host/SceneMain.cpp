@@ -71,7 +71,7 @@ protected:
         // new stream's sink, a sink can be suspended, a busy scene can fail
         // to feed it): the count moves on to where the clock is, so later
         // beeps still meet their flashes. Not for less: a server can hold
-        // more than the output says (PipeWire some 60 ms more), and a count
+        // more than the output says (PipeWire 45 ms or more), and a count
         // only that far behind is still on time there.
         const qint64 held = output ? qMax(0, output->bufferSize() - output->bytesFree()) / frameBytes : 0;
         const qint64 now = clock.nsecsElapsed() * sampleRate / 1000000000;
