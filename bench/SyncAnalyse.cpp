@@ -2,17 +2,22 @@
 // lie apart. Every flash (the top-left patch turns white) comes with a beep
 // at the same instant; the first white frame and the beep's onset are found
 // in the file, paired, and their distance (audio minus video) followed over
-// the recording. Further files are references the first is compared with.
+// the recording.
 //
 //   sync-analyse [--pairs] [--beep HZ] [--max-gap MS] [--max-drift MS_PER_MIN]
-//                [--silence AT:FOR] FILE [REFERENCE...]
+//                [--silence AT:FOR] FILE [REFERENCE [OTHER...]]
 //
-// --silence says the sound stopped AT seconds in for FOR seconds: the first
-// file's offset after that must be where it was before (within the gap
-// limit), and its sound as long as its picture (within 100 ms).
+// FILE is judged against REFERENCE: their offsets at the start and at the
+// end must lie within the gap limit of each other. OTHER files are measured
+// and compared with FILE for information only. The drift is judged only
+// when --max-drift is given (a short recording's drift estimate is mostly
+// the scatter of its pairs). --silence says the sound stopped AT seconds in
+// for FOR seconds: FILE's offset must move across it no more than the gap
+// limit beyond what REFERENCE's moved, and its sound must be as long as its
+// picture (within 100 ms).
 //
-// Exit status: 0 when the file(s) could be analysed and the comparison is
-// within the limits, 1 when a limit is exceeded, 2 when analysis failed.
+// Exit status: 0 when the files could be analysed and FILE is within the
+// limits, 1 when a limit is exceeded, 2 when analysis failed.
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -84,6 +89,7 @@ struct Events
 {
     std::vector<double> flashes;  // seconds, first white frame of each flash
     std::vector<double> beeps;    // seconds, onset of each beep
+    double videoStart = NAN;  // the first frame's time
     double videoLength = 0;  // to the end of the last frame
     double audioLength = 0;
 };
@@ -157,8 +163,11 @@ public:
         // A frame lasts until the next one is due.
         const AVRational rate = in.video.stream->avg_frame_rate;
         const double length = rate.num > 0 ? av_q2d(av_inv_q(rate)) : 0.0;
-        if (std::isfinite(time))
+        if (std::isfinite(time)) {
+            if (std::isnan(events->videoStart))
+                events->videoStart = time;
             events->videoLength = std::max(events->videoLength, time + length);
+        }
     }
 
 private:
@@ -348,6 +357,7 @@ struct Pair
 struct Summary
 {
     std::vector<Pair> pairs;
+    double videoStart = NAN;
     double videoLength = 0;
     double audioLength = 0;
     double start = NAN;   // ms
@@ -379,6 +389,7 @@ double medianOffset(std::vector<Pair>::const_iterator begin, std::vector<Pair>::
 Summary summarise(const Events& events)
 {
     Summary s;
+    s.videoStart = events.videoStart;
     s.videoLength = events.videoLength;
     s.audioLength = events.audioLength;
     for (const double flash : events.flashes) {
@@ -428,13 +439,35 @@ void print(const char* path, const Events& events, const Summary& s, bool pairs)
     }
 }
 
+// The offset just before a silence AT seconds into the recording, FOR
+// seconds long, and just after it (ms); false without pairs on both sides.
+// Flashes well before and well after it: the sound's times settle within a
+// second or two after it.
+bool acrossSilence(const Summary& s, double at, double length, double* was, double* is)
+{
+    const double start = std::isfinite(s.videoStart) ? s.videoStart : 0.0;
+    std::vector<Pair> before, after;
+    for (const Pair& p : s.pairs) {
+        if (p.time - start < at - 1)
+            before.push_back(p);
+        else if (p.time - start > at + length + 2.5)
+            after.push_back(p);
+    }
+    if (before.empty() || after.empty())
+        return false;
+    const size_t n = std::min({edgePairs, before.size(), after.size()});
+    *was = medianOffset(before.end() - long(n), before.end());
+    *is = medianOffset(after.begin(), after.begin() + long(n));
+    return true;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
     double beepHz = 1000;
     double maxGap = 45;
-    double maxDrift = 5;
+    double maxDrift = NAN;  // not judged
     double silenceAt = -1, silenceFor = 0;
     bool pairs = false;
     std::vector<const char*> files;
@@ -450,7 +483,7 @@ int main(int argc, char** argv)
         } else if (arg == "-h" || arg == "--help" || arg.rfind("--", 0) == 0) {
             std::fprintf(stderr,
                          "usage: %s [--pairs] [--beep HZ] [--max-gap MS] [--max-drift MS_PER_MIN]"
-                         " [--silence AT:FOR] FILE [REFERENCE...]\n",
+                         " [--silence AT:FOR] FILE [REFERENCE [OTHER...]]\n",
                          argv[0]);
             return 2;
         } else {
@@ -463,55 +496,75 @@ int main(int argc, char** argv)
     }
     av_log_set_level(AV_LOG_ERROR);
 
+    // A file compared for information only that cannot be measured is
+    // reported and left out; the judged file and its reference must be.
     std::vector<Summary> summaries;
+    std::vector<const char*> measured;
     for (const char* path : files) {
+        const bool judged = measured.size() < 2;
         Events events;
-        if (!analyse(path, beepHz, &events))
-            return 2;
-        summaries.push_back(summarise(events));
-        print(path, events, summaries.back(), pairs);
-        if (summaries.back().pairs.size() < 2) {
-            std::fprintf(stderr, "%s: too few flash and beep pairs to measure\n", path);
-            return 2;
+        if (!analyse(path, beepHz, &events)) {
+            if (judged)
+                return 2;
+            continue;
         }
+        const Summary summary = summarise(events);
+        print(path, events, summary, pairs);
+        if (summary.pairs.size() < 2) {
+            std::fprintf(stderr, "%s: too few flash and beep pairs to measure\n", path);
+            if (judged)
+                return 2;
+            continue;
+        }
+        summaries.push_back(summary);
+        measured.push_back(path);
     }
 
     const Summary& ours = summaries.front();
-    bool within = std::abs(ours.drift) < maxDrift;
-    std::printf("drift %+.2f ms/min (limit %.0f): %s\n", ours.drift, maxDrift,
-                std::abs(ours.drift) < maxDrift ? "within" : "OUTSIDE");
+    bool within = true;
+    if (std::isnan(maxDrift)) {
+        std::printf("drift %+.2f ms/min (not judged)\n", ours.drift);
+    } else {
+        const bool steady = std::abs(ours.drift) < maxDrift;
+        within = steady;
+        std::printf("drift %+.2f ms/min (limit %.0f): %s\n", ours.drift, maxDrift, steady ? "within" : "OUTSIDE");
+    }
     for (size_t i = 1; i < summaries.size(); ++i) {
         const Summary& ref = summaries[i];
         const double atStart = ours.start - ref.start;
         const double atEnd = ours.end - ref.end;
+        if (i > 1) {
+            std::printf("first minus %s: start %+.1f ms, end %+.1f ms (for comparison)\n", measured[i], atStart,
+                        atEnd);
+            continue;
+        }
         const bool close = std::abs(atStart) <= maxGap && std::abs(atEnd) <= maxGap;
         within = within && close;
-        std::printf("first minus %s: start %+.1f ms, end %+.1f ms (limit %.0f): %s\n", files[i], atStart,
+        std::printf("first minus %s: start %+.1f ms, end %+.1f ms (limit %.0f): %s\n", measured[i], atStart,
                     atEnd, maxGap, close ? "within" : "OUTSIDE");
     }
     if (silenceAt >= 0) {
-        // The flashes well before and well after the silence; the sound's
-        // times settle within a second or two after it.
-        std::vector<Pair> before, after;
-        for (const Pair& p : ours.pairs) {
-            if (p.time < silenceAt - 1)
-                before.push_back(p);
-            else if (p.time > silenceAt + silenceFor + 2.5)
-                after.push_back(p);
-        }
-        if (before.empty() || after.empty()) {
+        double was = 0, is = 0;
+        if (!acrossSilence(ours, silenceAt, silenceFor, &was, &is)) {
             std::fprintf(stderr, "too few pairs before or after the silence\n");
             return 2;
         }
-        const size_t n = std::min({edgePairs, before.size(), after.size()});
-        const double was = medianOffset(before.end() - long(n), before.end());
-        const double is = medianOffset(after.begin(), after.begin() + long(n));
-        const bool kept = std::abs(is - was) <= maxGap;
+        // What the scene itself moved across the silence (its sound stream
+        // is placed anew after a suspended sink) moves the reference too:
+        // ours is judged by how far it moved beyond that.
+        double refWas = 0, refIs = 0;
+        const bool referenced = summaries.size() > 1
+                                && acrossSilence(summaries[1], silenceAt, silenceFor, &refWas, &refIs);
+        const double moved = (is - was) - (referenced ? refIs - refWas : 0.0);
+        const bool kept = std::abs(moved) <= maxGap;
+        if (referenced)
+            std::printf("silence: the reference moved %+.1f ms across it\n", refIs - refWas);
         const double longer = (ours.audioLength - ours.videoLength) * 1000;
         const bool even = std::abs(longer) <= 100;
         within = within && kept && even;
-        std::printf("silence at %.0f s for %.0f s: offset before %+.1f ms, after %+.1f ms, moved %+.1f ms (limit %.0f): %s\n",
-                    silenceAt, silenceFor, was, is, is - was, maxGap, kept ? "within" : "OUTSIDE");
+        std::printf("silence at %.0f s for %.0f s: offset before %+.1f ms, after %+.1f ms, moved %+.1f ms,"
+                    " %+.1f beyond the reference (limit %.0f): %s\n",
+                    silenceAt, silenceFor, was, is, is - was, moved, maxGap, kept ? "within" : "OUTSIDE");
         std::printf("sound minus picture: %+.0f ms (limit 100): %s\n", longer, even ? "within" : "OUTSIDE");
     }
     return within ? 0 : 1;

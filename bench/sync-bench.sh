@@ -9,15 +9,20 @@
 # varies from run to run by hundreds of milliseconds. Its second recording
 # keeps the devices' own capture times (-copyts, every frame's to the
 # millisecond): that one shows where sound and picture really lie, and ours
-# is held against it.
+# is judged against it; the plain command line is printed for comparison.
 #
-#   bench/sync-bench.sh [SECONDS] [--load N] [--runs K] [--suspend AT:FOR] [--out DIR]
+#   bench/sync-bench.sh [SECONDS] [--load N] [--runs K] [--suspend AT:FOR]
+#                       [--server pulse|pipewire] [--out DIR]
 #
 # SECONDS defaults to 60 (600 for ten minutes). --load keeps N busy processes
 # running during each recording, --runs repeats the whole, --suspend stops
-# the sound source AT seconds in for FOR seconds. One line a run, then how
-# many runs kept within the limits. Runs inside a private display and sound
-# server of its own; SCREENREEL_BUILD names another build tree than build/.
+# the sound source AT seconds in for FOR seconds, --server picks the sound
+# server (PulseAudio, or PipeWire with its PulseAudio server, which every
+# recorder here goes through). One line a run, then how many runs kept ours
+# within 45 ms of the capture-time reference at the start and at the end; the
+# drift is judged only from 600 s on (over a minute it is mostly the scatter
+# of single pairs). Runs inside a private display and sound server of its
+# own; SCREENREEL_BUILD names another build tree than build/.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
@@ -25,30 +30,45 @@ seconds=60
 load=0
 runs=1
 suspend=""
+server=pulse
 out=""
 while [ $# -gt 0 ]; do
     case "$1" in
         --load) load=$2; shift ;;
         --runs) runs=$2; shift ;;
         --suspend) suspend=$2; shift ;;
+        --server) server=$2; shift ;;
         --out) out=$2; shift ;;
-        -h | --help) sed -n '2,19s/^# \{0,1\}//p' "$0"; exit 0 ;;
+        -h | --help) sed -n '2,25s/^# \{0,1\}//p' "$0"; exit 0 ;;
         [0-9]*) seconds=$1 ;;
         *) say "unknown option $1"; exit 2 ;;
     esac
     shift
 done
 out=${out:-$build/bench-out/sync}
+case "$server" in
+    pulse | pipewire) ;;
+    *) say "--server takes pulse or pipewire"; exit 2 ;;
+esac
 if [ -n "$suspend" ] && ! [[ $suspend =~ ^[0-9]+:[0-9]+$ ]]; then
     say "--suspend takes AT:FOR in whole seconds"
     exit 2
 fi
+if [ -n "$suspend" ] && [ "$server" = pipewire ] && [ -z "${SCREENREEL_BENCH_SESSION:-}" ]; then
+    # Measured with PipeWire 0.3.65: the sink reads RUNNING all along, and
+    # every recorder gets digital silence from the suspend to its end.
+    say "on PipeWire the null sink's monitor stays silent after a suspend: expect no beeps after it"
+fi
 
 if [ -z "${SCREENREEL_BENCH_SESSION:-}" ]; then
-    ensure_base_packages
+    if [ "$server" = pipewire ]; then
+        ensure_base_packages pipewire pipewire-bin wireplumber pipewire-pulse dbus
+    else
+        ensure_base_packages
+    fi
     build_targets ScreenReel screenreel-record screenreel-scene sync-analyse
-    ensure_session --display --sound -- "$0" "$seconds" --load "$load" --runs "$runs" \
-        ${suspend:+--suspend "$suspend"} --out "$out"
+    ensure_session --display --sound "$server" -- "$0" "$seconds" --load "$load" --runs "$runs" \
+        ${suspend:+--suspend "$suspend"} --server "$server" --out "$out"
 fi
 
 limit=$((seconds + 30))
@@ -123,11 +143,16 @@ figures() {  # output file
         hit && /drift .* ms\/min$/ { print s + 0, e + 0, $2 + 0; exit }' "$1"
 }
 
+# A minute's drift estimate scatters by up to 25 ms/min at load: only a long
+# run is judged on it.
+drift_limit=()
+[ "$seconds" -ge 600 ] && drift_limit=(--max-drift 2)
+
 kept=0
 for ((run = 1; run <= runs; run++)); do
     dir=$out
     [ "$runs" -gt 1 ] && dir=$out/run$run
-    say "run $run of $runs: recording ${seconds} s three ways at once, load $load"
+    say "run $run of $runs: recording ${seconds} s three ways at once, load $load, sound server $server"
     if ! record "$dir"; then
         echo "run $run: no recording to measure"
         continue
@@ -137,8 +162,10 @@ for ((run = 1; run <= runs; run++)); do
         echo "$way: CPU ${user}+${sys} s over ${wall} s, peak memory $((rss / 1024)) MiB, ended: $(ending "$dir/$way.time")"
     done
     verdict=within
-    "$build/bench/sync-analyse" --max-drift 2 ${suspend:+--silence "${suspend}"} \
-        "$dir/ours.mp4" "$dir/cli.mp4" "$dir/clock.mkv" >"$dir/summary.txt" || verdict=OUTSIDE
+    # Ours is judged against the capture-time reference; the plain command
+    # line only for comparison.
+    "$build/bench/sync-analyse" "${drift_limit[@]}" ${suspend:+--silence "${suspend}"} \
+        "$dir/ours.mp4" "$dir/clock.mkv" "$dir/cli.mp4" >"$dir/summary.txt" || verdict=OUTSIDE
     cat "$dir/summary.txt"
     read -r os oe od < <(figures "$dir/summary.txt" "$dir/ours.mp4")
     read -r rs re rd < <(figures "$dir/summary.txt" "$dir/clock.mkv")
@@ -149,4 +176,4 @@ for ((run = 1; run <= runs; run++)); do
     echo "run $run: $line${extra:+; $extra}: $verdict"
     [ "$verdict" = within ] && kept=$((kept + 1))
 done
-echo "$kept of $runs runs within 45 ms (drift under 2 ms/min${suspend:+, the silence kept})"
+echo "$kept of $runs runs: ours within 45 ms of the -copyts reference at start and end${drift_limit:+, drift under 2 ms/min}${suspend:+, the silence kept}"

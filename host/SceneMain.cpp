@@ -6,14 +6,16 @@
 #include <QApplication>
 #include <QAudioFormat>
 #include <QAudioOutput>
-#include <QBuffer>
 #include <QCommandLineParser>
 #include <QElapsedTimer>
+#include <QIODevice>
 #include <QPainter>
 #include <QScreen>
+#include <QThread>
 #include <QTimer>
 #include <QWidget>
 #include <QtEndian>
+#include <QtGlobal>
 
 #include <cmath>
 #include <memory>
@@ -26,6 +28,120 @@ constexpr int flashMs = 120;
 // at every phase in turn: over a few flashes a frame's lateness averages
 // out, the same for every recorder.
 constexpr int periodMs = 1010;
+
+constexpr int sampleRate = 48000;
+constexpr qint64 periodFrames = qint64(sampleRate) * periodMs / 1000;
+constexpr qint64 flashFrames = qint64(sampleRate) * flashMs / 1000;
+constexpr int frameBytes = 4;  // 16-bit stereo
+// How far the sound may fall behind the scene's clock before it counts as
+// stalled.
+constexpr qint64 stallFrames = sampleRate / 10;
+
+// The beeps as one endless stream, silence between them. A stream started
+// for each beep reaches the sink late by its own start-up, different every
+// time, and a sound server may cut its first part: one stream, started
+// once, keeps every beep whole and its place exact. Frame N of the stream is
+// meant to be heard N / sampleRate seconds into the scene's clock, when the
+// patch flashes for the beeps that fall there; so beep k fills frames
+// k * periodFrames onwards.
+class BeepStream : public QIODevice
+{
+public:
+    explicit BeepStream(const QElapsedTimer& clock)
+        : clock(clock)
+    {
+    }
+
+    // What the output holds but has not played yet, to place the first frame
+    // and to follow the output when it stalls.
+    void setOutput(const QAudioOutput* audio) { output = audio; }
+
+    bool isSequential() const override { return true; }
+    qint64 bytesAvailable() const override { return periodFrames * frameBytes + QIODevice::bytesAvailable(); }
+
+protected:
+    qint64 readData(char* data, qint64 maxSize) override
+    {
+        const qint64 frames = maxSize / frameBytes;
+        if (frames <= 0)
+            return 0;
+        // The first frame written now is heard once what the output holds
+        // has played. When the count fell well behind the clock, the output
+        // stood still meanwhile (PulseAudio takes a second or two to start a
+        // new stream's sink, a sink can be suspended, a busy scene can fail
+        // to feed it): the count moves on to where the clock is, so later
+        // beeps still meet their flashes. Not for less: a server can hold
+        // more than the output says (PipeWire 45 ms or more), and a count
+        // only that far behind is still on time there.
+        const qint64 held = output ? qMax(0, output->bufferSize() - output->bytesFree()) / frameBytes : 0;
+        const qint64 now = clock.nsecsElapsed() * sampleRate / 1000000000;
+        const qint64 heardAt = now + held;
+        if (next < 0 || next < now - stallFrames) {
+            if (next >= 0)
+                qWarning("scene: the sound output stalled; the beeps move %.0f ms on with it",
+                         double(heardAt - next) * 1000.0 / sampleRate);
+            next = heardAt;
+        }
+        auto* samples = reinterpret_cast<qint16*>(data);
+        for (qint64 i = 0; i < frames; ++i, ++next) {
+            const qint64 inBeep = next % periodFrames;
+            // 1 kHz, a whole number of frames a cycle at 48 kHz.
+            const qint16 v = inBeep < flashFrames
+                                 ? qint16(20000 * std::sin(2 * pi * 1000.0 * double(inBeep) / sampleRate))
+                                 : qint16(0);
+            samples[2 * i] = qToLittleEndian(v);
+            samples[2 * i + 1] = qToLittleEndian(v);
+        }
+        return frames * frameBytes;
+    }
+
+    qint64 writeData(const char*, qint64) override { return -1; }
+
+private:
+    const QElapsedTimer& clock;
+    const QAudioOutput* output = nullptr;
+    qint64 next = -1;  // the next frame to write, on the scene's clock
+};
+
+// Plays the beeps on a thread of its own: the scene's painting, a full
+// screen every 10 ms, would otherwise delay feeding the sound on a busy
+// machine until the output runs dry.
+class BeepPlayer : public QObject
+{
+public:
+    explicit BeepPlayer(const QElapsedTimer& clock)
+        : clock(clock)
+    {
+    }
+
+    // On the sound's thread, where the output and the stream then live.
+    void start()
+    {
+        QAudioFormat format;
+        format.setSampleRate(sampleRate);
+        format.setChannelCount(2);
+        format.setSampleSize(16);
+        format.setCodec(QStringLiteral("audio/pcm"));
+        format.setByteOrder(QAudioFormat::LittleEndian);
+        format.setSampleType(QAudioFormat::SignedInt);
+        output = std::make_unique<QAudioOutput>(format);
+        // Where a beep is heard follows from its frame's number, not from
+        // how much is buffered: room for 200 ms keeps the output from
+        // running dry.
+        output->setBufferSize(sampleRate * frameBytes / 5);
+        beeps = std::make_unique<BeepStream>(clock);
+        beeps->setOutput(output.get());
+        // Unbuffered: what the output holds is then all that waits.
+        beeps->open(QIODevice::ReadOnly | QIODevice::Unbuffered);
+        output->start(beeps.get());
+    }
+
+private:
+    const QElapsedTimer& clock;
+    // The stream outlives the output that reads it.
+    std::unique_ptr<BeepStream> beeps;
+    std::unique_ptr<QAudioOutput> output;
+};
 
 class Scene : public QWidget
 {
@@ -40,54 +156,23 @@ public:
         timer->setTimerType(Qt::PreciseTimer);
         connect(timer, &QTimer::timeout, this, [this] { tick(); });
         timer->start(10);
-        if (flash)
-            prepareBeep();
+        if (flash) {
+            auto* player = new BeepPlayer(clock);
+            player->moveToThread(&sound);
+            connect(&sound, &QThread::started, player, [player] { player->start(); });
+            connect(&sound, &QThread::finished, player, &QObject::deleteLater);
+            sound.start();
+        }
+    }
+
+    ~Scene() override
+    {
+        sound.quit();
+        sound.wait();
     }
 
 private:
-    void tick()
-    {
-        const qint64 now = clock.elapsed();
-        const qint64 period = now / periodMs;
-        if (flash && period != lastPeriod) {
-            lastPeriod = period;
-            beep();
-        }
-        update();
-    }
-
-    void prepareBeep()
-    {
-        QAudioFormat format;
-        format.setSampleRate(48000);
-        format.setChannelCount(2);
-        format.setSampleSize(16);
-        format.setCodec(QStringLiteral("audio/pcm"));
-        format.setByteOrder(QAudioFormat::LittleEndian);
-        format.setSampleType(QAudioFormat::SignedInt);
-        // 120 ms of 1 kHz.
-        const int frames = 48000 * flashMs / 1000;
-        tone.resize(frames * 4);
-        auto* samples = reinterpret_cast<qint16*>(tone.data());
-        const double pi = std::acos(-1.0);  // M_PI is POSIX's, not standard C++
-        for (int i = 0; i < frames; ++i) {
-            const qint16 v = qint16(20000 * std::sin(2 * pi * 1000.0 * i / 48000.0));
-            samples[2 * i] = qToLittleEndian(v);
-            samples[2 * i + 1] = qToLittleEndian(v);
-        }
-        output = std::make_unique<QAudioOutput>(format);
-        output->setBufferSize(48000 * 4 / 50);  // 20 ms: keep the beep close to the flash
-    }
-
-    void beep()
-    {
-        if (!output)
-            return;
-        output->stop();
-        buffer = std::make_unique<QBuffer>(&tone);
-        buffer->open(QIODevice::ReadOnly);
-        output->start(buffer.get());
-    }
+    void tick() { update(); }
 
     void paintEvent(QPaintEvent*) override
     {
@@ -120,10 +205,7 @@ private:
 
     const bool flash;
     QElapsedTimer clock;
-    qint64 lastPeriod = -1;
-    QByteArray tone;
-    std::unique_ptr<QAudioOutput> output;
-    std::unique_ptr<QBuffer> buffer;
+    QThread sound;
 };
 
 // A still card on one screen: its left and right halves in the screen's two
