@@ -36,6 +36,7 @@ constexpr int frameBytes = 4;  // 16-bit stereo
 // How far the sound may fall behind the scene's clock before it counts as
 // stalled.
 constexpr qint64 stallFrames = sampleRate / 10;
+const double pi = std::acos(-1.0);  // M_PI is POSIX's, not standard C++
 
 // The beeps as one endless stream, silence between them. A stream started
 // for each beep reaches the sink late by its own start-up, different every
