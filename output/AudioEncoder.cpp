@@ -31,8 +31,8 @@ constexpr int variableFrameSize = 10000;
 constexpr int64_t placementTolerance = 20000;
 // Offsets under this are the capture times' unsteadiness on a busy machine
 // (tens of milliseconds), made up by playing the sound a little faster or
-// slower; beyond, a gap or an overlap. The sound's input starts a new
-// stretch at the same size of jump.
+// slower; beyond, a gap or an overlap. The sound's input, too, takes a jump
+// of its stamps this large for a gap.
 constexpr int64_t placementJitter = 100000;
 constexpr int preferredSampleRate = 44100;
 
