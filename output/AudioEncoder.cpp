@@ -29,6 +29,11 @@ constexpr int variableFrameSize = 10000;
 // put it before the track is corrected (microseconds). They jitter by a few
 // milliseconds; this is half a frame of the picture.
 constexpr int64_t placementTolerance = 20000;
+// Offsets under this are the capture times' unsteadiness on a busy machine
+// (tens of milliseconds), made up by playing the sound a little faster or
+// slower; beyond, a gap or an overlap. The sound's input, too, takes a jump
+// of its stamps this large for a gap.
+constexpr int64_t placementJitter = 100000;
 constexpr int preferredSampleRate = 44100;
 
 int chooseSampleRate(const AVCodec* codec)
@@ -119,6 +124,10 @@ bool openAudioStream(MuxerOutput& output)
     av_opt_set_chlayout(output.resampler, "out_chlayout", &context->ch_layout, 0);
     av_opt_set_int(output.resampler, "out_sample_rate", context->sample_rate, 0);
     av_opt_set_sample_fmt(output.resampler, "out_sample_fmt", context->sample_fmt, 0);
+    // Always through the resampling filter, even at one rate: a chunk's
+    // stretch then never re-opens the resampler (which would lose what it
+    // holds).
+    av_opt_set_int(output.resampler, "flags", SWR_FLAG_RESAMPLE, 0);
     av_channel_layout_uninit(&inLayout);
     result = swr_init(output.resampler);
     if (result < 0) {
@@ -223,15 +232,23 @@ void putOnTrack(MuxerOutput& output, const AudioChunk& chunk, CaptureTime end)
     const int rate = output.audioFormat->sampleRate;
     // The track's first sample plays one encoder frame into the file.
     const int64_t lead = durationOf(output.audioFrameSize, output.audio.context->sample_rate);
-    // The start is exact; later the capture times may jitter a little.
-    const int64_t tolerance = timeline.soundPlaced == 0 ? 0 : placementTolerance;
+    // The start is exact; later the capture times may jitter.
+    const bool placed = timeline.soundPlaced > 0;
     const Placement place = placeChunk(soundNext(timeline, rate, lead), chunk.captured, chunk.sampleCount, rate,
-                                       tolerance, qint64(AudioQueue::maxSeconds) * rate, end);
+                                       placed ? placementTolerance : 0, qint64(AudioQueue::maxSeconds) * rate, end,
+                                       placed ? placementJitter : 0);
+    if (place.stretch != 0 && place.keep > 0) {
+        const int outRate = output.audio.context->sample_rate;
+        const int result = swr_set_compensation(output.resampler, int(av_rescale(place.stretch, outRate, rate)),
+                                                int(av_rescale(place.keep, outRate, rate)));
+        if (result < 0)
+            qCWarning(lcScreenReel) << "failed swr compensation: " << avErrorText(result);
+    }
     if (place.silence > 0)
         encodeSilence(output, place.silence);
     if (place.keep > 0)
         encodeChunk(output, chunk, place.skip, place.keep);
-    timeline.soundPlaced += place.silence + place.keep;
+    timeline.soundPlaced += place.silence + place.keep + (place.keep > 0 ? place.stretch : 0);
 }
 
 } // namespace

@@ -86,7 +86,8 @@ void noteImage(Timeline& timeline, CaptureTime captured, std::chrono::microsecon
         timeline.starts.clear();
         if (std::abs(look - timeline.start) >= moveAtLeast.count() && timeline.lastLook != noCaptureTime
             && std::abs(look - timeline.lastLook) < moveAtLeast.count()) {
-            // The sound follows: a gap of silence, or a cut, of that length.
+            // The sound follows, stretched or squeezed into place (a move
+            // of more than the capture times' jitter: a silence or a cut).
             qCDebug(lcScreenReel) << "the picture's start moved by" << (look - timeline.start) / 1000 << "ms";
             timeline.start = look;
         }
@@ -133,12 +134,16 @@ CaptureTime soundNext(const Timeline& timeline, int rate, int64_t lead)
 }
 
 Placement placeChunk(CaptureTime due, CaptureTime captured, qint64 count, int rate, int64_t tolerance,
-                     qint64 maxSilence, CaptureTime end)
+                     qint64 maxSilence, CaptureTime end, int64_t jitter)
 {
     Placement place;
     const int64_t offset = captured - due;
-    if (std::abs(offset) > tolerance) {
-        const qint64 samples = av_rescale(std::abs(offset), rate, AV_TIME_BASE);
+    const qint64 samples = av_rescale(std::abs(offset), rate, AV_TIME_BASE);
+    if (std::abs(offset) > tolerance && std::abs(offset) < jitter && count > 0) {
+        // Half a percent: a tone moves by less than a tenth of a semitone.
+        const qint64 stretch = std::min(samples, std::max<qint64>(1, count / 200));
+        place.stretch = offset < 0 ? -stretch : stretch;
+    } else if (std::abs(offset) > tolerance) {
         if (offset < 0)
             place.skip = std::min(samples, count);
         else
@@ -148,7 +153,7 @@ Placement placeChunk(CaptureTime due, CaptureTime captured, qint64 count, int ra
     if (end != noCaptureTime) {
         const qint64 room = std::max<qint64>(0, av_rescale(end - due, rate, AV_TIME_BASE));
         place.silence = std::min(place.silence, room);
-        place.keep = std::min(place.keep, room - place.silence);
+        place.keep = std::min(place.keep, std::max<qint64>(0, room - place.silence - place.stretch));
     }
     return place;
 }

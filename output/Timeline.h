@@ -73,15 +73,20 @@ CaptureTime soundNext(const Timeline& timeline, int rate, int64_t lead);
 // put before it (a gap: a suspended or starved source, chunks dropped), at
 // most `maxSilence` samples; then how many of its samples to keep, no more
 // than reach `end` (noCaptureTime: no end). Offsets within `tolerance`
-// microseconds are left alone.
+// microseconds are left alone. Offsets under `jitter` are the capture
+// times' unsteadiness (or the picture's start moving), not a gap: the
+// chunk is kept whole and played a little longer or shorter (`stretch`
+// samples, at most 1/200 of it), so that unbroken sound stays unbroken
+// while it drifts back into place.
 struct Placement
 {
     qint64 skip = 0;
     qint64 silence = 0;
     qint64 keep = 0;
+    qint64 stretch = 0;
 };
 Placement placeChunk(CaptureTime due, CaptureTime captured, qint64 count, int rate, int64_t tolerance,
-                     qint64 maxSilence, CaptureTime end);
+                     qint64 maxSilence, CaptureTime end, int64_t jitter = 0);
 
 // The clocks' comparison: the video clock of `frames` at `frameRate` has
 // fallen more than ten frames behind the audio clock of `samples` at

@@ -128,6 +128,11 @@ private slots:
         QTest::newRow("a gap of a minute: ten seconds of silence") << place(60000, 0) << QList<qint64>{0, 480000, 4800};
         QTest::newRow("the end cuts the sound") << place(0, 50) << QList<qint64>{0, 0, 2400};
         QTest::newRow("the end cuts a gap's silence") << place(100, 50) << QList<qint64>{0, 2400, 0};
+        // Under 80 ms of jitter, chunks 30 and 100 ms late: their silence and stretch.
+        const Placement late = placeChunk(0, 30000, 4800, 48000, 20000, 480000, noCaptureTime, 80000);
+        const Placement gap = placeChunk(0, 100000, 4800, 48000, 20000, 480000, noCaptureTime, 80000);
+        QTest::newRow("jitter stretches unbroken sound; a gap is still silence")
+            << QList<qint64>{late.silence, late.stretch, gap.silence, gap.stretch} << QList<qint64>{0, 24, 4800, 0};
         // A queue that holds 1000 samples: what stays of chunks appended in
         // turn, and the warnings.
         const auto queue = [](const QList<int>& chunks) {
