@@ -183,11 +183,13 @@ private slots:
         QCOMPARE(dialogs(), refusedDialogs + 1);
         const ProbedStream video = probe.streams.value(probe.streamIndex("video"));
         QCOMPARE(QSize(video.width, video.height), region.size());
-        // Two seconds recorded: 50 frames on the 40 ms grid, however few
-        // buffers came (a busy machine may lose a tick or two).
+        // Two seconds recorded: frames on the 40 ms grid that span them,
+        // however few buffers came. A busy machine loses ticks (their time
+        // is kept, as a gap of whole frames), but never most of them.
         QVector<qint64> pts = video.pts;
         std::sort(pts.begin(), pts.end());
-        QVERIFY2(pts.size() >= 40, qPrintable(QString::number(pts.size())));
+        const double span = pts.isEmpty() ? 0 : (pts.last() - pts.first()) * video.timeBase;
+        QVERIFY2(pts.size() >= 10 && span >= 1.9, qPrintable(QString("%1 frames over %2 s").arg(pts.size()).arg(span)));
         for (int i = 1; i < pts.size(); ++i) {
             const double ms = (pts[i] - pts[i - 1]) * video.timeBase * 1000;
             QVERIFY2(ms > 39 && qAbs(ms - 40 * qRound(ms / 40)) < 1, qPrintable(QString("%1 ms after frame %2").arg(ms).arg(i - 1)));
