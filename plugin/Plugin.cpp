@@ -135,8 +135,10 @@ std::vector<VideoDevice> Plugin::videoDevices()
 bool Plugin::start(const VideoDevice& video, const QRect& region,
                    const std::optional<AudioDevice>& audio, QIODevice* output)
 {
-    if (pipeline)
+    if (pipeline) {
+        qCWarning(lcScreenReel) << "a recording is already running";
         return false;
+    }
     if (region.height() > video.geometry.height() || region.width() > video.geometry.width()) {
         qCWarning(lcScreenReel) << "invalid region size";
         return false;

@@ -23,14 +23,10 @@ constexpr int longWait = 30000;
 // not that of their samples, and chunks whose capture time does not follow
 // on from the one before (48 kHz): the sound server's own stamps swing by
 // tenths of a second at first.
-class ChunkTarget : public Target
+class ChunkTarget : public NullTarget
 {
 public:
-    using Target::Target;
-    bool start() override { return true; }
-    void stop() override {}
-    std::chrono::milliseconds recordedTime() override { return {}; }
-    void writeVideo(const QImage&, CaptureTime) override {}
+    using NullTarget::NullTarget;
     void writeAudio(const QByteArray& data, qint64 sampleCount, CaptureTime captured) override
     {
         misfits += data.size() != sampleCount * 4;

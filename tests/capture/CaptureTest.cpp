@@ -5,6 +5,7 @@
 #include "capture/PlatformPci.h"
 #include "capture/VideoWorker.h"
 #include "pipeline/Pipeline.h"
+#include "support/Fakes.h"
 
 #include <QCursor>
 #include <QProcess>
@@ -35,14 +36,10 @@ class Scene : public QRasterWindow
 };
 
 // Keeps the fifth image.
-class Keeper : public Target
+class Keeper : public test::NullTarget
 {
 public:
-    using Target::Target;
-    bool start() override { return true; }
-    void stop() override {}
-    std::chrono::milliseconds recordedTime() override { return {}; }
-    void writeAudio(const QByteArray&, qint64, CaptureTime) override {}
+    using NullTarget::NullTarget;
     void writeVideo(const QImage& image, CaptureTime captured) override
     {
         // On the system clock and past: a busy machine may deliver it late,

@@ -55,14 +55,10 @@ qint64 monotonicToSystem()
 }
 
 // Keeps each image's stamp beside its capture time.
-class Stamps : public Target
+class Stamps : public NullTarget
 {
 public:
-    using Target::Target;
-    bool start() override { return true; }
-    void stop() override {}
-    std::chrono::milliseconds recordedTime() override { return {}; }
-    void writeAudio(const QByteArray&, qint64, CaptureTime) override {}
+    using NullTarget::NullTarget;
     void writeVideo(const QImage& image, CaptureTime captured) override
     {
         QMutexLocker lock(&mutex);
@@ -183,27 +179,26 @@ private slots:
         QCOMPARE(dialogs(), refusedDialogs + 1);
         const ProbedStream video = probe.streams.value(probe.streamIndex("video"));
         QCOMPARE(QSize(video.width, video.height), region.size());
-        // Two seconds recorded: 50 frames on the 40 ms grid, however few
-        // buffers came (a busy machine may lose a tick or two).
+        // Two seconds recorded: frames on the 40 ms grid that span them,
+        // however few buffers came (a still screen sends one). A busy machine
+        // loses ticks, even most of them: their time is kept as whole frames.
         QVector<qint64> pts = video.pts;
         std::sort(pts.begin(), pts.end());
-        QVERIFY2(pts.size() >= 40, qPrintable(QString::number(pts.size())));
+        const double span = pts.isEmpty() ? 0 : (pts.last() - pts.first()) * video.timeBase;
+        QVERIFY2(span >= 1.9, qPrintable(QString("%1 frames over %2 s").arg(pts.size()).arg(span)));
+        // A still screen sends a picture a second: the rest are repeats.
+        QVERIFY2(!still || pts.size() > 2 * span + 4, qPrintable(QString::number(pts.size())));
         for (int i = 1; i < pts.size(); ++i) {
             const double ms = (pts[i] - pts[i - 1]) * video.timeBase * 1000;
             QVERIFY2(ms > 39 && qAbs(ms - 40 * qRound(ms / 40)) < 1, qPrintable(QString("%1 ms after frame %2").arg(ms).arg(i - 1)));
         }
+        // A swapped layout turns red to blue; the encoder's precision is MuxerTest's.
         const QImage last = probe.decodeVideo().value(pts.size() - 1);
         const int right = last.width() - 11, bottom = last.height() - 11;
-        const QPoint points[] = {{10, 10}, {right, 10}, {10, bottom}, {right, bottom}};
-        for (int i = 0; i < 4; ++i) {
-            const QColor expected = QList<QColor>{Qt::red, Qt::green, Qt::blue, Qt::white}[QString("RGBW").indexOf(corners[i])];
-            const QColor found = last.pixelColor(points[i]);
-            // Through 4:2:0 limited-range YUV and back pure blue reads 252
-            // (254 when FFmpeg converts both ways); a swapped layout is far off.
-            QVERIFY2(qAbs(found.red() - expected.red()) <= 4 && qAbs(found.green() - expected.green()) <= 4
-                         && qAbs(found.blue() - expected.blue()) <= 4,
-                     qPrintable(QString("corner %1: %2").arg(i).arg(found.name())));
-        }
+        QString found;
+        for (const QPoint& point : {QPoint(10, 10), QPoint(right, 10), QPoint(10, bottom), QPoint(right, bottom)})
+            found += colourLetter(last.pixelColor(point));
+        QCOMPARE(found, corners);
     }
 
     // The compositor ends the share: the picture part ends as on a vanished

@@ -194,9 +194,13 @@ private slots:
         const MediaProbe probe = MediaProbe::fromData(written);
         QVERIFY2(probe.isValid(), qPrintable(probe.error));
         const ProbedStream video = probe.streams.value(0);
-        QCOMPARE(recorded, 40ms * video.pts.size());
+        // Ticks a busy machine lost keep their time as gaps between frames:
+        // the recorded time is the picture's span, not its frame count.
+        const auto [first, last] = std::minmax_element(video.pts.begin(), video.pts.end());
+        const double span = (*last - *first) * video.timeBase + 0.04;
+        QCOMPARE(qRound(span * 1000), int(recorded.count()));
         QCOMPARE(centres(probe.decodeVideo()), QString(video.pts.size(), 'G'));
-        QVERIFY2(qAbs(video.duration - video.pts.size() * 0.04) < 0.041, qPrintable(QString::number(video.duration)));
+        QVERIFY2(qAbs(video.duration - span) < 0.041, qPrintable(QString::number(video.duration)));
     }
 
     void capturedTogether_data()

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "pipeline/Source.h"
+#include "pipeline/Target.h"
 
 #include <QBuffer>
 #include <QMutex>
@@ -22,6 +23,18 @@ public:
     QSize videoSize() override { return size; }
 
     const QSize size;
+};
+
+// A Target without a thread that drops what it is given; tests keep what they need.
+class NullTarget : public Target
+{
+public:
+    using Target::Target;
+    bool start() override { return true; }
+    void stop() override {}
+    std::chrono::milliseconds recordedTime() override { return {}; }
+    void writeAudio(const QByteArray&, qint64, CaptureTime) override {}
+    void writeVideo(const QImage&, CaptureTime) override {}
 };
 
 // A seekable device in memory that refuses every write past `limit` bytes,

@@ -94,6 +94,15 @@ QString pactl(const QStringList& arguments)
     return QString::fromUtf8(run("pactl", arguments)).trimmed();
 }
 
+QString loadNullSink(const QString& name)
+{
+    const QString module = pactl({"load-module", "module-null-sink", "sink_name=" + name});
+    for (QDeadlineTimer deadline(30000); !deadline.hasExpired(); QThread::msleep(50))
+        if (pactl({"list", "short", "sources"}).contains('\t' + name + ".monitor\t"))
+            break;
+    return module;
+}
+
 QString checkTone(const QVector<float>& samples, int channels, int rate, double hz)
 {
     const int frames = channels > 0 ? samples.size() / channels : 0;

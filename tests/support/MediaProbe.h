@@ -53,4 +53,8 @@ QChar colourLetter(const QColor& colour);
 // What the sound server's command line printed, trimmed.
 QString pactl(const QStringList& arguments);
 
+// A null sink loaded, once the server lists its monitor (a source opened at
+// once may not be there yet on a busy machine): the module's number.
+QString loadNullSink(const QString& name);
+
 } // namespace orvane::test

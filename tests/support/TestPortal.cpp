@@ -75,7 +75,7 @@ struct Share
     bool silent = false;
     const std::atomic<bool>* still = nullptr;
     bool sent = false;
-    uint64_t frame = 0;
+    uint64_t frame = 0, ticks = 0;
 
     static void onState(void* data, pw_stream_state, pw_stream_state state, const char*)
     {
@@ -114,8 +114,10 @@ struct Share
 
     static void onTimer(void* data, uint64_t)
     {
+        // Still: a picture once a second, as a compositor's rare repaint, so
+        // that a first one lost while the consumer settles is not the only one.
         auto* self = static_cast<Share*>(data);
-        if (!self->silent && !(self->still->load() && self->sent))
+        if (!self->silent && (!self->still->load() || !self->sent || ++self->ticks % 25 == 0))
             pw_stream_trigger_process(self->stream);
     }
 
