@@ -1,8 +1,8 @@
 // Recordings of a Wayland session's screen through the real portal frontend,
 // whose test backend shares a PipeWire node painting four quadrants (red,
 // green, blue, white) with each buffer's time spelt in its top-left 64x4
-// pixels (session.sh --portal). The backend's control object says how the
-// dialog answers and ends shares as a compositor would.
+// pixels (session.sh --portal). The backend's own control methods say how
+// the dialog answers and end shares as a compositor would.
 
 #include "capture/PortalVideoWorker.h"
 #include "interface/ScreenReel.h"
@@ -25,14 +25,9 @@ constexpr int longWait = 60000;
 
 QDBusMessage control(const QString& method, const QVariant& argument = {})
 {
-    QDBusInterface portal("org.freedesktop.impl.portal.desktop.screenreeltest", "/org/screenreel/TestPortal",
-                          "org.screenreel.TestPortal");
+    QDBusInterface portal("org.freedesktop.impl.portal.desktop.screenreeltest", "/org/freedesktop/portal/desktop",
+                          "org.freedesktop.impl.portal.ScreenCast");
     return argument.isValid() ? portal.call(method, argument) : portal.call(method);
-}
-
-uint dialogs()
-{
-    return control("Dialogs").arguments().value(0).toUInt();
 }
 
 // The producer's time spelt in the picture's top-left 64x4 pixels, a white
@@ -107,7 +102,6 @@ private slots:
         for (const VideoDevice& device : reel->videoDevices())
             screen = device.name == window.title() ? device : screen;
         QCOMPARE(screen.geometry, QRectF(0, 0, 1920, 1080));
-        QCOMPARE(control("Dialogs").type(), QDBusMessage::ReplyMessage);
     }
 
     void init()
@@ -140,7 +134,7 @@ private slots:
         QVERIFY(!reel->start(screen, QRect(0, 0, 320, 240), std::nullopt, &output));
         QVERIFY2(log.warnings().value(0).contains(says), qPrintable(log.warnings().join('\n')));
         QVERIFY(output.data().isEmpty());
-        QCOMPARE(dialogs(), ++refusedDialogs);
+        QCOMPARE(control("Dialogs").arguments().value(0).toUInt(), ++refusedDialogs);
     }
 
     void recordings_data()
@@ -150,13 +144,12 @@ private slots:
         QTest::addColumn<bool>("still");
         QTest::addColumn<QString>("corners");  // 10 px in from each: Red, Green, Blue, White
         const QRect whole(0, 0, 1920, 1080);
+        const QRect centre(900, 500, 120, 80);
         QTest::newRow("the whole screen") << whole << "BGRx" << false << "RGBW";
-        QTest::newRow("a region across the centre") << QRect(900, 500, 120, 80) << "BGRx" << false << "RGBW";
+        QTest::newRow("RGBx, a region across the centre") << centre << "RGBx" << false << "RGBW";
         QTest::newRow("a region of the green quadrant") << QRect(1200, 100, 320, 240) << "BGRx" << false << "GGGG";
-        QTest::newRow("RGBx: the same colours") << whole << "RGBx" << false << "RGBW";
-        QTest::newRow("BGRA: the same colours") << whole << "BGRA" << false << "RGBW";
-        QTest::newRow("RGBA: the same colours") << QRect(900, 500, 120, 80) << "RGBA" << false << "RGBW";
-        QTest::newRow("a still screen: 25 frames a second all the same") << whole << "BGRx" << true << "RGBW";
+        QTest::newRow("BGRA, a still screen: 25 frames a second all the same") << whole << "BGRA" << true << "RGBW";
+        QTest::newRow("RGBA: the same colours") << centre << "RGBA" << false << "RGBW";
     }
 
     // The recorded colours within 2 levels, the size, 25 frames a second
@@ -176,7 +169,7 @@ private slots:
         reel->stop();
         const MediaProbe probe = MediaProbe::fromData(output.data());
         QVERIFY2(probe.isValid(), qPrintable(probe.error));
-        QCOMPARE(dialogs(), refusedDialogs + 1);
+        QCOMPARE(control("Dialogs").arguments().value(0).toUInt(), refusedDialogs + 1);
         const ProbedStream video = probe.streams.value(probe.streamIndex("video"));
         QCOMPARE(QSize(video.width, video.height), region.size());
         // Two seconds recorded: frames on the 40 ms grid that span them,
@@ -219,7 +212,6 @@ private slots:
         const ProbedStream video = probe.streams.value(probe.streamIndex("video"));
         QVERIFY2(video.duration >= 1.0, qPrintable(QString::number(video.duration)));
         QCOMPARE(probe.decodeVideo().size(), video.pts.size());
-        QCOMPARE(dialogs(), refusedDialogs + 1);
     }
 
     // Each image handed over is timed when the producer painted it, moved
