@@ -13,8 +13,6 @@
 #include <QtDBus>
 #include <QtTest>
 
-#include <ctime>
-
 using namespace orvane;
 using namespace orvane::plugin::interface;
 using namespace orvane::test;
@@ -38,15 +36,6 @@ qint64 stamp(const QImage& image)
     for (int x = 0; x < 64; ++x)
         bits = bits << 1 | (qRed(image.pixel(x, 2)) > 128);
     return qint64(bits);
-}
-
-// CLOCK_MONOTONIC's distance from the system clock, in microseconds.
-qint64 monotonicToSystem()
-{
-    timespec mono, real;
-    clock_gettime(CLOCK_MONOTONIC, &mono);
-    clock_gettime(CLOCK_REALTIME, &real);
-    return (real.tv_sec - mono.tv_sec) * 1000000LL + (real.tv_nsec - mono.tv_nsec) / 1000;
 }
 
 // Keeps each image's stamp beside its capture time.
@@ -76,15 +65,6 @@ class PortalTest : public QObject
     QStringList states;
     QList<qint64> ticks;
     uint refusedDialogs = 0;
-
-    // Until `ms` are recorded, or a minute has passed.
-    bool recordedFor(qint64 ms)
-    {
-        for (QDeadlineTimer deadline(longWait); ticks.isEmpty() || ticks.last() < ms; QTest::qWait(20))
-            if (deadline.hasExpired())
-                return false;
-        return true;
-    }
 
 private slots:
     void initTestCase()
@@ -147,8 +127,7 @@ private slots:
         const QRect centre(900, 500, 120, 80);
         QTest::newRow("the whole screen") << whole << "BGRx" << false << "RGBW";
         QTest::newRow("RGBx, a region across the centre") << centre << "RGBx" << false << "RGBW";
-        QTest::newRow("a region of the green quadrant") << QRect(1200, 100, 320, 240) << "BGRx" << false << "GGGG";
-        QTest::newRow("BGRA, a still screen: 25 frames a second all the same") << whole << "BGRA" << true << "RGBW";
+        QTest::newRow("BGRA, still: 25 frames a second all the same") << whole << "BGRA" << true << "RGBW";
         QTest::newRow("RGBA: the same colours") << centre << "RGBA" << false << "RGBW";
     }
 
@@ -165,7 +144,7 @@ private slots:
         QBuffer output;
         output.open(QIODevice::WriteOnly);
         QVERIFY(reel->start(screen, region, std::nullopt, &output));
-        QVERIFY(recordedFor(2000));
+        QTRY_VERIFY_WITH_TIMEOUT(!ticks.isEmpty() && ticks.last() >= 2000, longWait);
         reel->stop();
         const MediaProbe probe = MediaProbe::fromData(output.data());
         QVERIFY2(probe.isValid(), qPrintable(probe.error));
@@ -202,7 +181,7 @@ private slots:
         output.open(QIODevice::WriteOnly);
         LogCapture log;
         QVERIFY(reel->start(screen, QRect(0, 0, 320, 240), std::nullopt, &output));
-        QVERIFY(recordedFor(1000));
+        QTRY_VERIFY_WITH_TIMEOUT(!ticks.isEmpty() && ticks.last() >= 1000, longWait);
         QCOMPARE(control("EndShare").type(), QDBusMessage::ReplyMessage);
         QTRY_VERIFY_WITH_TIMEOUT(log.warned("the screen share ended"), longWait);
         reel->stop();
@@ -229,7 +208,9 @@ private slots:
         };
         QTRY_VERIFY_WITH_TIMEOUT(count() >= 25, longWait);
         pipeline.stop();
-        const qint64 offset = monotonicToSystem();
+        // CLOCK_MONOTONIC's distance from the system clock, in microseconds.
+        const qint64 offset = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now()
+            .time_since_epoch() - std::chrono::steady_clock::now().time_since_epoch()).count();
         for (const auto& [pts, captured] : target->pairs)
             QVERIFY2(qAbs(pts / 1000 + offset - captured) <= 1000,
                      qPrintable(QString("%1 us off").arg(captured - pts / 1000 - offset)));

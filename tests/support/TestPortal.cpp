@@ -9,8 +9,6 @@
 //   screenreel-test-portal --monitor WxH+X+Y
 
 #include <QtDBus>
-#include <QCoreApplication>
-#include <QRect>
 
 #include <pipewire/pipewire.h>
 #include <spa/param/video/format-utils.h>
@@ -18,26 +16,16 @@
 #include <atomic>
 #include <ctime>
 
-namespace {
-
-const QString busName = "org.freedesktop.impl.portal.desktop.screenreeltest";
-const QString vendor = "screenreeltest";
-
 struct Stream { uint node = 0; QVariantMap properties; };
 
 QDBusArgument& operator<<(QDBusArgument& a, const Stream& s)
 {
     a.beginStructure(); a << s.node << s.properties; a.endStructure(); return a;
 }
-const QDBusArgument& operator>>(const QDBusArgument& a, Stream& s)
-{
-    a.beginStructure(); a >> s.node >> s.properties; a.endStructure(); return a;
-}
-
-} // namespace
+// Only sent, never received.
+const QDBusArgument& operator>>(const QDBusArgument& a, Stream&) { return a; }
 
 Q_DECLARE_METATYPE(Stream)
-Q_DECLARE_METATYPE(QList<Stream>)
 
 namespace {
 
@@ -86,9 +74,7 @@ struct Share
         const spa_pod* params[] = {
             static_cast<const spa_pod*>(spa_pod_builder_add_object(&b, SPA_TYPE_OBJECT_ParamBuffers, SPA_PARAM_Buffers,
                 SPA_PARAM_BUFFERS_buffers, SPA_POD_CHOICE_RANGE_Int(4, 2, 8),
-                SPA_PARAM_BUFFERS_blocks, SPA_POD_Int(1),
                 SPA_PARAM_BUFFERS_size, SPA_POD_Int(stride * self->size.height()),
-                SPA_PARAM_BUFFERS_stride, SPA_POD_Int(stride),
                 SPA_PARAM_BUFFERS_dataType, SPA_POD_CHOICE_FLAGS_Int(1 << SPA_DATA_MemFd))),
             static_cast<const spa_pod*>(spa_pod_builder_add_object(&b, SPA_TYPE_OBJECT_ParamMeta, SPA_PARAM_Meta,
                 SPA_PARAM_META_type, SPA_POD_Id(SPA_META_Header),
@@ -118,11 +104,10 @@ struct Share
         timespec now;
         clock_gettime(CLOCK_MONOTONIC, &now);
         const uint64_t pts = SPA_TIMESPEC_TO_NSEC(&now);
-        self->paint(static_cast<uint8_t*>(d.data), !buffer->user_data, pts);  // mapped: MAP_BUFFERS, memfd only
+        self->paint(static_cast<uint8_t*>(d.data), !buffer->user_data, pts);  // mapped: memfd
         buffer->user_data = self;  // its quadrants are painted
         if (auto* h = static_cast<spa_meta_header*>(spa_buffer_find_meta_data(buffer->buffer, SPA_META_Header, sizeof(spa_meta_header))))
             *h = spa_meta_header{0, 0, int64_t(pts), 0, 0};
-        d.chunk->offset = 0;
         d.chunk->stride = self->size.width() * 4;
         d.chunk->size = d.chunk->stride * self->size.height();
         self->sent = true;
@@ -199,19 +184,12 @@ class Session : public QObject
     Q_CLASSINFO("D-Bus Interface", "org.freedesktop.impl.portal.Session")
 
 public:
-    explicit Session(const QString& path) : path(path) {}
-
-    const QString path;
     std::unique_ptr<Share> share;
     bool restored = false;  // the SelectSources brought restore data, which only we give
     uint persist = 0;  // asked for: 1 while the client runs, 2 until revoked
 
 public slots:
-    void Close()
-    {
-        QDBusConnection::sessionBus().unregisterObject(path);
-        deleteLater();
-    }
+    void Close() { deleteLater(); }  // unregistered as it goes
 
 signals:
     void Closed();
@@ -245,7 +223,7 @@ public slots:
     uint CreateSession(const QDBusObjectPath&, const QDBusObjectPath& handle, const QString&, const QVariantMap&,
                        QVariantMap&)
     {
-        QDBusConnection::sessionBus().registerObject(handle.path(), new Session(handle.path()),
+        QDBusConnection::sessionBus().registerObject(handle.path(), new Session,
             QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllSignals | QDBusConnection::ExportAllProperties);
         return 0;
     }
@@ -281,7 +259,7 @@ public slots:
             results["persist_mode"] = session->persist;
             QDBusArgument restore;  // (suv), kept by the frontend and handed back as is
             restore.beginStructure();
-            restore << vendor << 1u << QDBusVariant("share");
+            restore << QString("screenreeltest") << 1u << QDBusVariant("share");
             restore.endStructure();
             results["restore_data"] = QVariant::fromValue(restore);
         }
@@ -328,11 +306,9 @@ int main(int argc, char* argv[])
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.registerObject("/org/freedesktop/portal/desktop", &backend,
                             QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllProperties)
-        || !bus.registerService(busName))
+        || !bus.registerService("org.freedesktop.impl.portal.desktop.screenreeltest"))
         qFatal("screenreel-test-portal: %s", qPrintable(bus.lastError().message()));
-    const int status = app.exec();
-    pw_thread_loop_stop(loop);
-    return status;
+    return app.exec();  // runs until a signal ends the process
 }
 
 #include "TestPortal.moc"
