@@ -253,8 +253,8 @@ public slots:
             return 2;
         current = session;
         results["streams"] = QVariant::fromValue(QList<Stream>{{session->share->node, {{"position", shared.topLeft()},
-                                                                        {"size", shared.size()},
-                                                                        {"source_type", 1u}}}});
+                                                                                       {"size", shared.size()},
+                                                                                       {"source_type", 1u}}}});
         if (session->persist && how == "share") {
             results["persist_mode"] = session->persist;
             QDBusArgument restore;  // (suv), kept by the frontend and handed back as is
