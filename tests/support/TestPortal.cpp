@@ -2,16 +2,13 @@
 // the real portal frontend on a private session bus. Each share is a
 // PipeWire video source painting a known picture: four quadrants, red,
 // green, blue and white; its top-left 64x4 pixels spell the buffer's pts
-// (CLOCK_MONOTONIC ns, most significant bit first, a white column for a 1)
-// and, unless still, a grey block moves along the bottom 8 rows. A control
-// object (org.screenreel.TestPortal) sets how the next dialog answers and
-// ends a share as a compositor would.
+// (CLOCK_MONOTONIC ns, most significant bit first, a white column for a 1).
+// Control methods beside the portal's own set how the next dialog answers
+// and end a share as a compositor would.
 //
-//   screenreel-test-portal [--monitor WxH+X+Y]
+//   screenreel-test-portal --monitor WxH+X+Y
 
 #include <QtDBus>
-#include <QCoreApplication>
-#include <QRect>
 
 #include <pipewire/pipewire.h>
 #include <spa/param/video/format-utils.h>
@@ -19,36 +16,16 @@
 #include <atomic>
 #include <ctime>
 
-namespace {
-
-const QString busName = "org.freedesktop.impl.portal.desktop.screenreeltest";
-const QString vendor = "screenreeltest";
-
 struct Stream { uint node = 0; QVariantMap properties; };
-struct RestoreData { QString vendor; uint version = 0; QDBusVariant data; };
 
 QDBusArgument& operator<<(QDBusArgument& a, const Stream& s)
 {
     a.beginStructure(); a << s.node << s.properties; a.endStructure(); return a;
 }
-const QDBusArgument& operator>>(const QDBusArgument& a, Stream& s)
-{
-    a.beginStructure(); a >> s.node >> s.properties; a.endStructure(); return a;
-}
-QDBusArgument& operator<<(QDBusArgument& a, const RestoreData& r)
-{
-    a.beginStructure(); a << r.vendor << r.version << r.data; a.endStructure(); return a;
-}
-const QDBusArgument& operator>>(const QDBusArgument& a, RestoreData& r)
-{
-    a.beginStructure(); a >> r.vendor >> r.version >> r.data; a.endStructure(); return a;
-}
-
-} // namespace
+// Only sent, never received.
+const QDBusArgument& operator>>(const QDBusArgument& a, Stream&) { return a; }
 
 Q_DECLARE_METATYPE(Stream)
-Q_DECLARE_METATYPE(QList<Stream>)
-Q_DECLARE_METATYPE(RestoreData)
 
 namespace {
 
@@ -75,18 +52,14 @@ struct Share
     bool silent = false;
     const std::atomic<bool>* still = nullptr;
     bool sent = false;
-    uint64_t frame = 0, ticks = 0;
+    uint64_t ticks = 0;
+    uint32_t node = SPA_ID_INVALID;
 
     static void onState(void* data, pw_stream_state, pw_stream_state state, const char*)
     {
         auto* self = static_cast<Share*>(data);
-        if (state == PW_STREAM_STATE_STREAMING) {
-            timespec first{0, 1}, interval{0, 40 * SPA_NSEC_PER_MSEC};
-            pw_loop_update_timer(pw_thread_loop_get_loop(self->loop), self->timer, &first, &interval, false);
-        } else {
-            pw_loop_update_timer(pw_thread_loop_get_loop(self->loop), self->timer, nullptr, nullptr, false);
+        if (state != PW_STREAM_STATE_STREAMING)
             self->sent = false;
-        }
         pw_thread_loop_signal(self->loop, false);
     }
 
@@ -101,9 +74,7 @@ struct Share
         const spa_pod* params[] = {
             static_cast<const spa_pod*>(spa_pod_builder_add_object(&b, SPA_TYPE_OBJECT_ParamBuffers, SPA_PARAM_Buffers,
                 SPA_PARAM_BUFFERS_buffers, SPA_POD_CHOICE_RANGE_Int(4, 2, 8),
-                SPA_PARAM_BUFFERS_blocks, SPA_POD_Int(1),
                 SPA_PARAM_BUFFERS_size, SPA_POD_Int(stride * self->size.height()),
-                SPA_PARAM_BUFFERS_stride, SPA_POD_Int(stride),
                 SPA_PARAM_BUFFERS_dataType, SPA_POD_CHOICE_FLAGS_Int(1 << SPA_DATA_MemFd))),
             static_cast<const spa_pod*>(spa_pod_builder_add_object(&b, SPA_TYPE_OBJECT_ParamMeta, SPA_PARAM_Meta,
                 SPA_PARAM_META_type, SPA_POD_Id(SPA_META_Header),
@@ -117,7 +88,9 @@ struct Share
         // Still: a picture once a second, as a compositor's rare repaint, so
         // that a first one lost while the consumer settles is not the only one.
         auto* self = static_cast<Share*>(data);
-        if (!self->silent && (!self->still->load() || !self->sent || ++self->ticks % 25 == 0))
+        if (self->silent || pw_stream_get_state(self->stream, nullptr) != PW_STREAM_STATE_STREAMING)
+            return;
+        if (!self->still->load() || !self->sent || ++self->ticks % 25 == 0)
             pw_stream_trigger_process(self->stream);
     }
 
@@ -128,23 +101,16 @@ struct Share
         if (!buffer)
             return;
         spa_data& d = buffer->buffer->datas[0];
-        if (d.data) {
-            timespec now;
-            clock_gettime(CLOCK_MONOTONIC, &now);
-            const uint64_t pts = SPA_TIMESPEC_TO_NSEC(&now);
-            self->paint(static_cast<uint8_t*>(d.data), !buffer->user_data, pts);
-            buffer->user_data = self;  // its quadrants are painted
-            if (auto* h = static_cast<spa_meta_header*>(spa_buffer_find_meta_data(buffer->buffer, SPA_META_Header, sizeof(spa_meta_header)))) {
-                *h = spa_meta_header{};
-                h->pts = int64_t(pts);
-                h->seq = self->frame;
-            }
-            d.chunk->offset = 0;
-            d.chunk->stride = self->size.width() * 4;
-            d.chunk->size = d.chunk->stride * self->size.height();
-            self->sent = true;
-            ++self->frame;
-        }
+        timespec now;
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        const uint64_t pts = SPA_TIMESPEC_TO_NSEC(&now);
+        self->paint(static_cast<uint8_t*>(d.data), !buffer->user_data, pts);  // mapped: memfd
+        buffer->user_data = self;  // its quadrants are painted
+        if (auto* h = static_cast<spa_meta_header*>(spa_buffer_find_meta_data(buffer->buffer, SPA_META_Header, sizeof(spa_meta_header))))
+            *h = spa_meta_header{0, 0, int64_t(pts), 0, 0};
+        d.chunk->stride = self->size.width() * 4;
+        d.chunk->size = d.chunk->stride * self->size.height();
+        self->sent = true;
         pw_stream_queue_buffer(self->stream, buffer);
     }
 
@@ -163,16 +129,9 @@ struct Share
         for (int y = 0; y < 4; ++y)
             for (int x = 0; x < 64; ++x)
                 row(y)[x] = pts >> (63 - x) & 1 ? white : black;
-        if (still->load())
-            return;
-        const uint32_t grey = pixel(format, 128, 128, 128);
-        const int block = int(frame * 16 % uint64_t(w));
-        for (int y = h - 8; y < h; ++y)
-            for (int x = 0; x < w; ++x)
-                row(y)[x] = x >= block && x < block + 64 ? grey : black;
     }
 
-    // Connected and given a node id, or null.
+    // Connected, and given a node id unless PipeWire failed it.
     static Share* create(pw_thread_loop* loop, pw_core* core, QSize size, spa_video_format format, bool silent,
                          const std::atomic<bool>* still)
     {
@@ -181,6 +140,8 @@ struct Share
         auto* self = new Share{loop, nullptr, {}, nullptr, size, format, silent, still};
         pw_thread_loop_lock(loop);
         self->timer = pw_loop_add_timer(pw_thread_loop_get_loop(loop), onTimer, self);
+        timespec first{0, 1}, interval{0, 40 * SPA_NSEC_PER_MSEC};
+        pw_loop_update_timer(pw_thread_loop_get_loop(loop), self->timer, &first, &interval, false);
         self->stream = pw_stream_new(core, "screenreel-test-monitor",
                                      pw_properties_new(PW_KEY_MEDIA_CLASS, "Video/Source", nullptr));
         pw_stream_add_listener(self->stream, &self->listener, &events, self);
@@ -202,30 +163,19 @@ struct Share
         while (pw_stream_get_node_id(self->stream) == SPA_ID_INVALID && pw_stream_get_state(self->stream, nullptr) != PW_STREAM_STATE_ERROR)
             if (pw_thread_loop_timed_wait(loop, 5) != 0)
                 break;
-        const bool ok = pw_stream_get_node_id(self->stream) != SPA_ID_INVALID;
+        self->node = pw_stream_get_node_id(self->stream);
         pw_thread_loop_unlock(loop);
-        if (!ok) {
-            destroy(self);
-            return nullptr;
-        }
         return self;
     }
 
-    static void destroy(Share* self)
+    ~Share()
     {
-        if (!self)
-            return;
-        pw_thread_loop_lock(self->loop);
-        if (self->stream)
-            pw_stream_destroy(self->stream);
-        if (self->timer)
-            pw_loop_destroy_source(pw_thread_loop_get_loop(self->loop), self->timer);
-        pw_thread_loop_unlock(self->loop);
-        delete self;
+        pw_thread_loop_lock(loop);
+        pw_stream_destroy(stream);
+        pw_loop_destroy_source(pw_thread_loop_get_loop(loop), timer);
+        pw_thread_loop_unlock(loop);
     }
 };
-
-class Backend;
 
 // org.freedesktop.impl.portal.Session: closed by the frontend, or ends itself.
 class Session : public QObject
@@ -234,23 +184,18 @@ class Session : public QObject
     Q_CLASSINFO("D-Bus Interface", "org.freedesktop.impl.portal.Session")
 
 public:
-    Session(Backend* backend, const QString& path) : backend(backend), path(path) {}
-    ~Session() override { Share::destroy(share); }
-
-    Backend* backend;
-    const QString path;
-    Share* share = nullptr;
-    bool restored = false;  // the SelectSources brought restore data of ours
+    std::unique_ptr<Share> share;
+    bool restored = false;  // the SelectSources brought restore data, which only we give
     uint persist = 0;  // asked for: 1 while the client runs, 2 until revoked
 
 public slots:
-    void Close();
+    void Close() { deleteLater(); }  // unregistered as it goes
 
 signals:
     void Closed();
 };
 
-// The ScreenCast implementation and the control object, sharing one state.
+// The ScreenCast implementation, and after it the tests' controls.
 class Backend : public QObject
 {
     Q_OBJECT
@@ -268,34 +213,26 @@ public:
     const QRect monitor;
     pw_thread_loop* const loop;
     pw_core* const core;
-    QMap<QString, Session*> sessions;
     QString answer = "share";
     QString formatName = "BGRx";
     std::atomic<bool> still{false};
     uint dialogs = 0;
-    Session* current = nullptr;  // of the latest share
+    QPointer<Session> current;  // of the latest share
 
 public slots:
     uint CreateSession(const QDBusObjectPath&, const QDBusObjectPath& handle, const QString&, const QVariantMap&,
                        QVariantMap&)
     {
-        auto* session = new Session(this, handle.path());
-        QDBusConnection::sessionBus().registerObject(handle.path(), session,
+        QDBusConnection::sessionBus().registerObject(handle.path(), new Session,
             QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllSignals | QDBusConnection::ExportAllProperties);
-        sessions.insert(handle.path(), session);
         return 0;
     }
 
     uint SelectSources(const QDBusObjectPath&, const QDBusObjectPath& handle, const QString&, const QVariantMap& options,
                        QVariantMap&)
     {
-        Session* session = sessions.value(handle.path());
-        if (!session)
-            return 2;
-        RestoreData restore;
-        if (options.contains("restore_data"))
-            options["restore_data"].value<QDBusArgument>() >> restore;
-        session->restored = restore.vendor == vendor && restore.data.variant().toString() == "share";
+        auto* session = static_cast<Session*>(QDBusConnection::sessionBus().objectRegisteredAt(handle.path()));
+        session->restored = options.contains("restore_data");
         session->persist = options.value("persist_mode").toUInt();
         return 0;
     }
@@ -303,73 +240,46 @@ public slots:
     uint Start(const QDBusObjectPath&, const QDBusObjectPath& handle, const QString&, const QString&, const QVariantMap&,
                QVariantMap& results)
     {
-        Session* session = sessions.value(handle.path());
-        const QString how = session && session->restored ? "share" : std::exchange(answer, "share");
-        if (!session)
-            return 2;
+        auto* session = static_cast<Session*>(QDBusConnection::sessionBus().objectRegisteredAt(handle.path()));
+        const QString how = session->restored ? "share" : std::exchange(answer, "share");
         dialogs += !session->restored;
         if (how == "cancel" || how == "fail")
             return how == "cancel" ? 1 : 2;
         const QRect shared = how == "other" ? QRect(1920, 0, 1280, 720) : monitor;
         const auto format = formatName == "RGBx" ? SPA_VIDEO_FORMAT_RGBx : formatName == "BGRA" ? SPA_VIDEO_FORMAT_BGRA
                             : formatName == "RGBA" ? SPA_VIDEO_FORMAT_RGBA : SPA_VIDEO_FORMAT_BGRx;
-        Share::destroy(std::exchange(session->share, Share::create(loop, core, shared.size(), format, how == "silent", &still)));
-        if (!session->share)
+        session->share.reset(Share::create(loop, core, shared.size(), format, how == "silent", &still));
+        if (session->share->node == SPA_ID_INVALID)
             return 2;
         current = session;
-        pw_thread_loop_lock(loop);
-        const uint node = pw_stream_get_node_id(session->share->stream);
-        pw_thread_loop_unlock(loop);
-        results["streams"] = QVariant::fromValue(QList<Stream>{{node, {{"position", shared.topLeft()},
-                                                                        {"size", shared.size()},
-                                                                        {"source_type", 1u}}}});
+        results["streams"] = QVariant::fromValue(QList<Stream>{{session->share->node, {{"position", shared.topLeft()},
+                                                                                       {"size", shared.size()},
+                                                                                       {"source_type", 1u}}}});
         if (session->persist && how == "share") {
             results["persist_mode"] = session->persist;
-            results["restore_data"] = QVariant::fromValue(RestoreData{vendor, 1, QDBusVariant("share")});
+            QDBusArgument restore;  // (suv), kept by the frontend and handed back as is
+            restore.beginStructure();
+            restore << QString("screenreeltest") << 1u << QDBusVariant("share");
+            restore.endStructure();
+            results["restore_data"] = QVariant::fromValue(restore);
         }
         return 0;
     }
 
-    void forget(Session* session)
-    {
-        sessions.remove(session->path);
-        if (current == session)
-            current = nullptr;
-        QDBusConnection::sessionBus().unregisterObject(session->path);
-        session->deleteLater();
-    }
-};
-
-void Session::Close()
-{
-    backend->forget(this);
-}
-
-// org.screenreel.TestPortal at /org/screenreel/TestPortal.
-class Control : public QObject
-{
-    Q_OBJECT
-    Q_CLASSINFO("D-Bus Interface", "org.screenreel.TestPortal")
-
-public:
-    explicit Control(Backend* backend) : backend(backend) {}
-    Backend* const backend;
-
-public slots:
     // "share", "cancel", "other", "silent" or "fail": the next dialog's answer.
-    void SetAnswer(const QString& answer) { backend->answer = answer; }
-    void SetStill(bool still) { backend->still = still; }
+    void SetAnswer(const QString& next) { answer = next; }
+    void SetStill(bool on) { still = on; }
     // "BGRx", "RGBx", "BGRA" or "RGBA": what the next node offers.
-    void SetFormat(const QString& format) { backend->formatName = format; }
+    void SetFormat(const QString& name) { formatName = name; }
     // As a compositor or the user ends it: the node goes, the session closes.
     void EndShare()
     {
-        if (Session* session = backend->current) {
-            emit session->Closed();
-            backend->forget(session);
+        if (current) {
+            emit current->Closed();
+            current->Close();
         }
     }
-    uint Dialogs() { return backend->dialogs; }
+    uint Dialogs() { return dialogs; }
 };
 
 } // namespace
@@ -379,15 +289,10 @@ int main(int argc, char* argv[])
     QCoreApplication app(argc, argv);
     qDBusRegisterMetaType<Stream>();
     qDBusRegisterMetaType<QList<Stream>>();
-    qDBusRegisterMetaType<RestoreData>();
-    QRect monitor(0, 0, 1920, 1080);
-    const int at = app.arguments().indexOf("--monitor");
-    if (at > 0) {
-        const auto m = QRegularExpression("^(\\d+)x(\\d+)\\+(\\d+)\\+(\\d+)$").match(app.arguments().value(at + 1));
-        if (!m.hasMatch())
-            qFatal("--monitor takes WxH+X+Y");
-        monitor = QRect(m.captured(3).toInt(), m.captured(4).toInt(), m.captured(1).toInt(), m.captured(2).toInt());
-    }
+    const QStringList m = app.arguments().value(2).split(QRegularExpression("[x+]"));
+    if (app.arguments().value(1) != "--monitor" || m.size() != 4)
+        qFatal("usage: screenreel-test-portal --monitor WxH+X+Y");
+    const QRect monitor(m[2].toInt(), m[3].toInt(), m[0].toInt(), m[1].toInt());
 
     pw_init(&argc, &argv);
     pw_thread_loop* loop = pw_thread_loop_new("test-portal", nullptr);
@@ -398,16 +303,12 @@ int main(int argc, char* argv[])
     pw_thread_loop_start(loop);
 
     Backend backend(monitor, loop, core);
-    Control control(&backend);
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.registerObject("/org/freedesktop/portal/desktop", &backend,
                             QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllProperties)
-        || !bus.registerObject("/org/screenreel/TestPortal", &control, QDBusConnection::ExportAllSlots)
-        || !bus.registerService(busName))
+        || !bus.registerService("org.freedesktop.impl.portal.desktop.screenreeltest"))
         qFatal("screenreel-test-portal: %s", qPrintable(bus.lastError().message()));
-    const int status = app.exec();
-    pw_thread_loop_stop(loop);
-    return status;
+    return app.exec();  // runs until a signal ends the process
 }
 
 #include "TestPortal.moc"
