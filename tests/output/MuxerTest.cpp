@@ -121,8 +121,7 @@ private slots:
         QTest::newRow("jitter within the tolerance: left alone") << place(15, 0) << QList<qint64>{0, 0, 4800, 0};
         QTest::newRow("early: the overlap is cut") << place(-30, 0) << QList<qint64>{1440, 0, 3360, 0};
         QTest::newRow("wholly before the track: all cut") << place(-500, 0) << QList<qint64>{4800, 0, 0, 0};
-        QTest::newRow("late: the gap becomes silence") << place(100, 0) << QList<qint64>{0, 4800, 4800, 0};
-        QTest::newRow("a gap of a minute: ten seconds of silence") << place(60000, 0) << QList<qint64>{0, 480000, 4800, 0};
+        QTest::newRow("late: the gap becomes silence, ten seconds at most") << place(60000, 0) << QList<qint64>{0, 480000, 4800, 0};
         QTest::newRow("the end cuts the sound") << place(0, 50) << QList<qint64>{0, 0, 2400, 0};
         QTest::newRow("the end cuts a gap's silence") << place(100, 50) << QList<qint64>{0, 2400, 0, 0};
         // Under 80 ms of jitter, chunks 30 and 100 ms late.
