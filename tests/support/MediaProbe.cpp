@@ -69,10 +69,9 @@ QVector<QImage> MediaProbe::decodeVideo() const
                                           "-pix_fmt", "rgb24", "-"});
     QVector<QImage> images;
     const int bytes = video.width * video.height * 3;
-    for (int at = 0; bytes > 0 && at + bytes <= raw.size(); at += bytes) {
+    for (int at = 0; bytes > 0 && at + bytes <= raw.size(); at += bytes)
         images << QImage(reinterpret_cast<const uchar*>(raw.constData() + at), video.width, video.height,
                          video.width * 3, QImage::Format_RGB888).copy();
-    }
     return images;
 }
 
@@ -116,12 +115,10 @@ QString checkTone(const QVector<float>& samples, int channels, int rate, double 
             before = std::exchange(last, samples[i * channels + channel] + k * last - before);
         return last * last + before * before - k * last * before;
     };
-    for (int c = 0; c < channels; ++c) {
-        for (const double other : {0.5, 0.75, 1.25, 1.5, 2.0}) {
+    for (int c = 0; c < channels; ++c)
+        for (const double other : {0.5, 0.75, 1.25, 1.5, 2.0})
             if (power(c, hz) <= 100 * power(c, hz * other))
                 return QStringLiteral("channel %1: %2 Hz as strong as %3 Hz").arg(c).arg(hz * other).arg(hz);
-        }
-    }
     return {};
 }
 
