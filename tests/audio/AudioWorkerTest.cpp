@@ -19,24 +19,23 @@ namespace {
 
 constexpr int longWait = 30000;
 
-// Counts the samples it is given, chunks whose size in bytes is
-// not that of their samples, and chunks whose capture time does not follow
-// on from the one before (48 kHz): the sound server's own stamps swing by
-// tenths of a second at first.
+// Counts the samples it is given and the chunks whose capture time does not
+// follow on from the one before (48 kHz): the sound server's own stamps swing
+// by tenths of a second at first. A chunk's size against its samples is
+// checked where the gatherer makes it (gatheredTimes).
 class ChunkTarget : public NullTarget
 {
 public:
     using NullTarget::NullTarget;
-    void writeAudio(const QByteArray& data, qint64 sampleCount, CaptureTime captured) override
+    void writeAudio(const QByteArray&, qint64 sampleCount, CaptureTime captured) override
     {
-        misfits += data.size() != sampleCount * 4;
         if (samples > 0)
             jumps += qAbs(captured - due) > 15000;
         due = captured + sampleCount * 1000000 / 48000;
         samples += sampleCount;
     }
 
-    std::atomic<int> misfits{0}, jumps{0};
+    std::atomic<int> jumps{0};
     std::atomic<qint64> samples{0};
     CaptureTime due = 0;  // the audio thread's
 };
@@ -101,7 +100,6 @@ private slots:
         QVERIFY((r.pipeline->audio->audioFormat() == AudioFormat{AV_SAMPLE_FMT_S16, 48000, 2, 3}));  // left, right
         QVERIFY(r.pipeline->start());
         QTRY_VERIFY_WITH_TIMEOUT(r.target->samples >= 2 * 48000, longWait);
-        QCOMPARE(r.target->misfits, 0);
         QCOMPARE(r.target->jumps, 0);
         const QJsonArray streams = QJsonDocument::fromJson(pactl({"-f", "json", "list", "source-outputs"}).toUtf8()).array();
         QCOMPARE(streams.size(), 1);
@@ -113,8 +111,7 @@ private slots:
             r.pipeline->audio->stop();
             QVERIFY(!r.running());
             QVERIFY(!log.warned("Error reading frame"));
-            Recording again;
-            QVERIFY(again.pipeline->audio->audioFormat() == AudioFormat{});
+            Recording again;  // its open gives up: nothing to start
             QVERIFY(!again.pipeline->start());
         } else if (how == "moved") {
             // pipewire-pulse now and then answers a move without making it

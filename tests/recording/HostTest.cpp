@@ -92,7 +92,6 @@ private slots:
         QTest::addColumn<QString>("output");
         QTest::addColumn<QString>("signal");  // sent midway; none: --seconds 3 ends it
         QTest::addColumn<QString>("audio");
-        QTest::newRow("3 s to a file") << dir.filePath("take.mp4") << "" << "reel.monitor";
         QTest::newRow("3 s to a file, no sound") << dir.filePath("silent.mp4") << "" << "none";
         QTest::newRow("3 s into a pipe") << "-" << "" << "reel.monitor";
         QTest::newRow("into a pipe, the host killed midway") << "-" << "KILL" << "reel.monitor";
