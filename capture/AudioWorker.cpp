@@ -58,16 +58,11 @@ bool AudioInput::setUp()
 {
     platform::SoundInput source = platform::soundInput(device.name);
     watch = std::make_unique<platform::AudioStreamWatch>(source.streamName);
-    // An empty name would record whatever the system's default input is.
-    if (device.name.isEmpty()) {
-        av_dict_free(&source.options);
-        qCWarning(lcScreenReel) << "unable to open device [" << device.name << "]";
-        return false;
-    }
     inputFormat = av_find_input_format(source.format);
-    // Without the input format FFmpeg would guess one from the device text;
-    // that can only pick something else than the device asked for.
-    if (!inputFormat) {
+    // An empty name would record whatever the system's default input is, and
+    // so would an unknown one on some servers. Without the input format
+    // FFmpeg would guess one from the device text: something else again.
+    if (device.name.isEmpty() || !inputFormat || !watch->hasSource(source.url)) {
         av_dict_free(&source.options);
         qCWarning(lcScreenReel) << "unable to open device [" << device.name << "]";
         return false;

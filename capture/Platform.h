@@ -72,6 +72,10 @@ public:
     AudioStreamWatch(const AudioStreamWatch&) = delete;
     AudioStreamWatch& operator=(const AudioStreamWatch&) = delete;
 
+    // Any thread, waits for the server: whether it has an input of this
+    // name. PipeWire's pulse server records its default input for a name it
+    // does not know, where PulseAudio refuses. True where it cannot tell.
+    bool hasSource(const QByteArray& name);
     // Any thread, does not wait for the server. Ends the stream on the
     // server, now or as soon as the server has made it, so that a read
     // blocked on it returns with an error: a device that delivers nothing

@@ -95,6 +95,7 @@ struct AudioStreamWatch::Private
     static void event(pa_context* context, pa_subscription_event_type_t type, uint32_t index, void* data);
     static void streamFound(pa_context* context, const pa_source_output_info* info, int last, void* data);
     static void timerFired(pa_mainloop_api* api, pa_time_event* event, const struct timeval*, void* data);
+    static void sourceFound(pa_context* context, const pa_source_info* info, int last, void* data);
     // Loop thread or under the loop's lock; not under `mutex`.
     void endStream();
     void lock() { pa_threaded_mainloop_lock(loop); }
@@ -110,11 +111,13 @@ struct AudioStreamWatch::Private
     uint32_t source = PA_INVALID_INDEX;  // the device it records from
     bool ending = false;                 // end the stream as soon as it is known
     bool timerDone = false;              // unblockAfter came to its end
+    bool sourceKnown = false;            // hasSource's answer
 };
 
 void AudioStreamWatch::Private::stateChanged(pa_context* context, void* data)
 {
     auto* d = static_cast<Private*>(data);
+    pa_threaded_mainloop_signal(d->loop, 0);  // hasSource may wait for the connection
     if (pa_context_get_state(context) != PA_CONTEXT_READY)
         return;
     pa_context_set_subscribe_callback(context, &Private::event, d);
@@ -190,6 +193,16 @@ void AudioStreamWatch::Private::timerFired(pa_mainloop_api* api, pa_time_event* 
     d->endStream();
 }
 
+void AudioStreamWatch::Private::sourceFound(pa_context*, const pa_source_info* info, int last, void* data)
+{
+    auto* d = static_cast<Private*>(data);
+    if (!last && info) {
+        std::lock_guard<std::mutex> lock(d->mutex);
+        d->sourceKnown = true;
+    }
+    pa_threaded_mainloop_signal(d->loop, 0);
+}
+
 void AudioStreamWatch::Private::endStream()
 {
     uint32_t known;
@@ -238,6 +251,33 @@ AudioStreamWatch::~AudioStreamWatch()
         pa_context_unref(d->context);
     }
     pa_threaded_mainloop_free(d->loop);
+}
+
+bool AudioStreamWatch::hasSource(const QByteArray& name)
+{
+    if (!d->context)
+        return true;
+    d->lock();
+    pa_context_state_t state;
+    while ((state = pa_context_get_state(d->context)) != PA_CONTEXT_READY && PA_CONTEXT_IS_GOOD(state))
+        pa_threaded_mainloop_wait(d->loop);
+    bool known = true;
+    if (state == PA_CONTEXT_READY) {
+        {
+            std::lock_guard<std::mutex> lock(d->mutex);
+            d->sourceKnown = false;
+        }
+        pa_operation* operation =
+            pa_context_get_source_info_by_name(d->context, name.constData(), &Private::sourceFound, d.get());
+        while (operation && pa_operation_get_state(operation) == PA_OPERATION_RUNNING)
+            pa_threaded_mainloop_wait(d->loop);
+        if (operation)
+            pa_operation_unref(operation);
+        std::lock_guard<std::mutex> lock(d->mutex);
+        known = d->sourceKnown;
+    }
+    d->unlock();
+    return known;
 }
 
 void AudioStreamWatch::unblock()

@@ -49,6 +49,7 @@ AudioStreamWatch::AudioStreamWatch(const QByteArray&)
 
 AudioStreamWatch::~AudioStreamWatch() = default;
 
+bool AudioStreamWatch::hasSource(const QByteArray&) { return true; }
 void AudioStreamWatch::unblock() {}
 void AudioStreamWatch::unblockAfter(std::chrono::milliseconds) {}
 bool AudioStreamWatch::finishUnblockAfter() { return false; }
