@@ -55,10 +55,13 @@ void Pipeline::abort()
 
 void Pipeline::stopParts()
 {
-    video->stop();
+    // An owner that gave up while filling it leaves parts out.
+    if (video)
+        video->stop();
     if (audio)
         audio->stop();
-    target->stop();
+    if (target)
+        target->stop();
 }
 
 std::chrono::milliseconds Pipeline::recordedTime()

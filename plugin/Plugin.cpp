@@ -17,6 +17,7 @@
 #include <QGuiApplication>
 #include <QHash>
 #include <QLayout>
+#include <QPointer>
 #include <QScreen>
 #include <QTimer>
 #include <QWindow>
@@ -68,6 +69,12 @@ Plugin::Plugin()
 
 Plugin::~Plugin()
 {
+    // Deleted from the system's dialog: start(), further down the stack, ends
+    // the recording it is opening once the input gives up.
+    if (opening) {
+        emit pipeline->openingCancelled();
+        pipeline.release()->setParent(nullptr);
+    }
     stop();
     delete view;
 }
@@ -151,9 +158,15 @@ bool Plugin::start(const VideoDevice& video, const QRect& region,
     if (audio)
         current->audio = std::make_unique<AudioWorker>(*audio, current);
     // The portal's input may wait for the user in the system's dialog, in a
-    // local event loop: a stop meanwhile cancels it, a start is refused.
+    // local event loop: a stop meanwhile cancels it, a start is refused, and
+    // the host may even delete the plug-in.
+    const QPointer<Plugin> alive(this);
     opening = true;
     current->video = videoSource(video, region, current);
+    if (!alive) {
+        delete current;
+        return false;
+    }
     opening = false;
     std::optional<AudioFormat> format;
     if (current->audio)

@@ -215,6 +215,16 @@ private slots:
             QVERIFY2(qAbs(pts / 1000 + offset - captured) <= 1000,
                      qPrintable(QString("%1 us off").arg(captured - pts / 1000 - offset)));
     }
+
+    // Last: the host deletes the plug-in while the portal is being asked.
+    void deletedWhileAsking()
+    {
+        QBuffer output;
+        output.open(QIODevice::WriteOnly);
+        QTimer::singleShot(0, reel, [this] { delete reel; });
+        QVERIFY(!reel->start(screen, QRect(0, 0, 320, 240), std::nullopt, &output));
+        QVERIFY(output.data().isEmpty());
+    }
 };
 
 QTEST_MAIN(PortalTest)
