@@ -1,11 +1,15 @@
-// Which screen grabber is taken, and the VideoWorker grabbing a real X
-// display that shows four coloured quadrants.
+// Which screen grabber is taken, which of the portal's streams is the screen
+// and how its stamps become capture times, and the VideoWorker grabbing a
+// real X display that shows four coloured quadrants.
 #include "capture/GrabberChoice.h"
 #include "capture/Platform.h"
 #include "capture/PlatformPci.h"
+#include "capture/PortalVideoWorker.h"
+#include "capture/ScreenCastPortal.h"
 #include "capture/VideoWorker.h"
 #include "pipeline/Pipeline.h"
 #include "support/Fakes.h"
+#include "support/MediaProbe.h"
 
 #include <QCursor>
 #include <QProcess>
@@ -21,6 +25,8 @@ extern "C" {
 using namespace orvane;
 using plugin::interface::VideoDevice;
 
+Q_DECLARE_METATYPE(std::vector<orvane::SharedStream>)
+
 namespace {
 
 class Scene : public QRasterWindow
@@ -33,27 +39,6 @@ class Scene : public QRasterWindow
         painter.fillRect(0, 540, 960, 540, Qt::blue);
         painter.fillRect(960, 540, 960, 540, Qt::white);
     }
-};
-
-// Keeps the fifth image.
-class Keeper : public test::NullTarget
-{
-public:
-    using NullTarget::NullTarget;
-    void writeVideo(const QImage& image, CaptureTime captured) override
-    {
-        // On the system clock and past: a busy machine may deliver it late,
-        // but another clock or none would be years off.
-        const int64_t age = av_gettime() - captured;
-        mistimed += age < 0 || age > 60000000;
-        if (++count == 5)
-            held = image;
-        changed = count > 5 && image != held;
-    }
-    QImage held;  // the video thread's until it has ended
-    std::atomic<int> count{0};
-    std::atomic<bool> changed{false};  // the newest image differs from the fifth
-    int mistimed = 0;
 };
 
 } // namespace
@@ -111,6 +96,39 @@ private slots:
         for (const QString& adapter : adapters)
             list.push_back({adapter.section('|', 0, 0).toUInt(nullptr, 16), adapter.section('|', 1)});
         QCOMPARE(useDuplicationGrabber(version, probe, hasDedicatedGpu(list)), duplication);
+    }
+
+    void streamOfScreen_data()
+    {
+        QTest::addColumn<std::vector<SharedStream>>("streams");
+        QTest::addColumn<int>("index");
+        const QPoint origin(0, 0);
+        const QSize full(1920, 1080);
+        QTest::newRow("the screen") << std::vector<SharedStream>{{40, origin, full}} << 0;
+        QTest::newRow("the one of two at the screen's place")
+                << std::vector<SharedStream>{{40, QPoint(1920, 0), full}, {41, origin, full}} << 1;
+        QTest::newRow("another monitor of the same size") << std::vector<SharedStream>{{40, QPoint(1920, 0), full}} << -1;
+        QTest::newRow("the screen's place, another size") << std::vector<SharedStream>{{40, origin, QSize(1280, 720)}} << -1;
+        QTest::newRow("no place said, the size matches") << std::vector<SharedStream>{{40, {}, full}} << 0;
+        QTest::newRow("no size said") << std::vector<SharedStream>{{40, origin, {}}} << -1;
+        QTest::newRow("nothing shared") << std::vector<SharedStream>{} << -1;
+    }
+    // Which of the streams the portal shares is the screen asked for, 1920x1080 at 0,0.
+    void streamOfScreen()
+    {
+        QFETCH(std::vector<SharedStream>, streams);
+        QTEST(streamForScreen(streams, QRectF(0, 0, 1920, 1080)), "index");
+    }
+
+    // A portal stream's stamp moved from the monotonic clock onto the
+    // capture clock; one from another clock taken as now. Now is 1000 s on
+    // the monotonic clock, 1.7e15 us on the system clock.
+    void captureTimeOfStamp()
+    {
+        const auto captured = [](qint64 ptsNs) { return monotonicToCaptureTime(ptsNs, 1000'000'000'000, 1'700'000'000'000'000); };
+        QCOMPARE(captured(999'000'000'000), qint64(1'699'999'999'000'000));  // 1 s old
+        QCOMPARE(captured(1001'000'000'000), qint64(1'700'000'000'000'000));  // later than now
+        QCOMPARE(captured(1'000'000'000), qint64(1'700'000'000'000'000));     // 999 s ago
     }
 
     void pciAdapters_data()
@@ -204,30 +222,29 @@ private slots:
         Pipeline pipeline(nullptr, nullptr);
         pipeline.video = std::make_unique<VideoWorker>(screen, region, &pipeline);
         qputenv("DISPLAY", display);
-        auto* target = new Keeper(&pipeline);
+        auto* target = new test::KeepingTarget(&pipeline, 10);
         pipeline.target.reset(target);
         QCOMPARE(pipeline.video->videoSize(), corners.isEmpty() ? QSize(0, 0) : region.size());
         QCOMPARE(pipeline.start(), !corners.isEmpty());
         if (corners.isEmpty())
             return;
-        QTRY_VERIFY_WITH_TIMEOUT(target->count >= 10, 30000);
-        // The screen turns black; the image handed over before does not.
+        QTRY_COMPARE_WITH_TIMEOUT(target->images().size(), 10, 30000);
+        // The screen turns black; the images handed over before do not.
         scene.setVisible(corners == "KKKK" || depth == 16);
-        QTRY_VERIFY_WITH_TIMEOUT(target->changed || scene.isVisible(), 30000);
+        QTRY_VERIFY_WITH_TIMEOUT(target->newest() != target->images().last().first || scene.isVisible(), 30000);
         pipeline.stop();
         xvfb.terminate();
         xvfb.waitForFinished();
         scene.show();
         QVERIFY(QTest::qWaitForWindowExposed(&scene));
-        QCOMPARE(target->mistimed, 0);
-        const QImage& image = target->held;
-        QCOMPARE(image.format(), QImage::Format_RGB32);
-        QCOMPARE(image.size(), region.size());
-        const QColor colours[] = {Qt::black, Qt::red, Qt::green, Qt::blue, Qt::white};
-        const int right = image.width() - 11, bottom = image.height() - 11;
-        const QPoint points[] = {{10, 10}, {right, 10}, {10, bottom}, {right, bottom}};
-        for (int i = 0; i < 4; ++i)
-            QCOMPARE(image.pixelColor(points[i]), colours[QString("KRGBW").indexOf(corners[i])]);
+        for (const auto& [image, captured] : target->images()) {
+            // On the system clock and past: a busy machine may deliver it
+            // late, but another clock or none would be years off.
+            QVERIFY(captured <= av_gettime() && captured > av_gettime() - 60000000);
+            QCOMPARE(image.format(), QImage::Format_RGB32);
+            QCOMPARE(image.size(), region.size());
+            QCOMPARE(test::cornerLetters(image), corners);
+        }
     }
 };
 

@@ -4,6 +4,7 @@
 #include "pipeline/Target.h"
 
 #include <QBuffer>
+#include <QImage>
 #include <QMutex>
 #include <QStringList>
 
@@ -34,6 +35,38 @@ public:
     std::chrono::milliseconds recordedTime() override { return {}; }
     void writeAudio(const QByteArray&, qint64, CaptureTime) override {}
     void writeVideo(const QImage&, CaptureTime) override {}
+};
+
+// A Target without a thread that keeps the first `keep` images it is given,
+// with their capture times, and the newest.
+class KeepingTarget : public NullTarget
+{
+public:
+    KeepingTarget(Pipeline* pipeline, int keep) : NullTarget(pipeline), keep(keep) {}
+    void writeVideo(const QImage& image, CaptureTime captured) override
+    {
+        QMutexLocker lock(&mutex);
+        if (kept.size() < keep)
+            kept.append({image, captured});
+        last = image;
+    }
+    // Copies, for any thread.
+    QVector<QPair<QImage, CaptureTime>> images() const
+    {
+        QMutexLocker lock(&mutex);
+        return kept;
+    }
+    QImage newest() const
+    {
+        QMutexLocker lock(&mutex);
+        return last;
+    }
+
+private:
+    const int keep;
+    mutable QMutex mutex;
+    QVector<QPair<QImage, CaptureTime>> kept;
+    QImage last;
 };
 
 // A seekable device in memory that refuses every write past `limit` bytes,

@@ -88,6 +88,15 @@ QChar colourLetter(const QColor& c)
     return QLatin1Char("KBGCRMYW"[(c.red() > 128) * 4 + (c.green() > 128) * 2 + (c.blue() > 128)]);
 }
 
+QString cornerLetters(const QImage& image)
+{
+    const int right = image.width() - 11, bottom = image.height() - 11;
+    QString letters;
+    for (const QPoint& point : {QPoint(10, 10), QPoint(right, 10), QPoint(10, bottom), QPoint(right, bottom)})
+        letters += colourLetter(image.pixelColor(point));
+    return letters;
+}
+
 QString pactl(const QStringList& arguments)
 {
     return QString::fromUtf8(run("pactl", arguments)).trimmed();

@@ -50,6 +50,10 @@ QString checkTone(const QVector<float>& samples, int channels, int rate, double 
 // blacK, Blue, Green, Cyan, Red, Magenta, Yellow, White.
 QChar colourLetter(const QColor& colour);
 
+// The letters of the colours 10 px in from the corners: top left, top
+// right, bottom left, bottom right.
+QString cornerLetters(const QImage& image);
+
 // What the sound server's command line printed, trimmed.
 QString pactl(const QStringList& arguments);
 

@@ -51,16 +51,12 @@ struct Share
     spa_video_format format = SPA_VIDEO_FORMAT_BGRx;
     bool silent = false;
     const std::atomic<bool>* still = nullptr;
-    bool sent = false;
-    uint64_t ticks = 0;
+    uint64_t ticks = 0;  // while streaming
     uint32_t node = SPA_ID_INVALID;
 
-    static void onState(void* data, pw_stream_state, pw_stream_state state, const char*)
+    static void onState(void* data, pw_stream_state, pw_stream_state, const char*)
     {
-        auto* self = static_cast<Share*>(data);
-        if (state != PW_STREAM_STATE_STREAMING)
-            self->sent = false;
-        pw_thread_loop_signal(self->loop, false);
+        pw_thread_loop_signal(static_cast<Share*>(data)->loop, false);
     }
 
     static void onParam(void* data, uint32_t id, const spa_pod* param)
@@ -85,12 +81,13 @@ struct Share
 
     static void onTimer(void* data, uint64_t)
     {
-        // Still: a picture once a second, as a compositor's rare repaint, so
-        // that a first one lost while the consumer settles is not the only one.
+        // Still: a picture at once and then once a second, as a compositor's
+        // rare repaint, so that a first one lost while the consumer settles
+        // is not the only one.
         auto* self = static_cast<Share*>(data);
         if (self->silent || pw_stream_get_state(self->stream, nullptr) != PW_STREAM_STATE_STREAMING)
             return;
-        if (!self->still->load() || !self->sent || ++self->ticks % 25 == 0)
+        if (!self->still->load() || self->ticks++ % 25 == 0)
             pw_stream_trigger_process(self->stream);
     }
 
@@ -110,7 +107,6 @@ struct Share
             *h = spa_meta_header{0, 0, int64_t(pts), 0, 0};
         d.chunk->stride = self->size.width() * 4;
         d.chunk->size = d.chunk->stride * self->size.height();
-        self->sent = true;
         pw_stream_queue_buffer(self->stream, buffer);
     }
 
