@@ -1,19 +1,15 @@
 // Recordings of a Wayland session's screen through the real portal frontend,
-// whose test backend shares a PipeWire node painting four quadrants (red,
-// green, blue, white) with each buffer's time spelt in its top-left 64x4
-// pixels (session.sh --portal). The backend's own control methods say how
-// the dialog answers and end shares as a compositor would.
+// whose test backend shares a PipeWire node painting four quadrants: red,
+// green, blue and white (session.sh --portal). The backend's own control
+// methods say how the dialog answers and end shares as a compositor would.
 
-#include "capture/PortalVideoWorker.h"
 #include "interface/ScreenReel.h"
-#include "pipeline/Pipeline.h"
 #include "support/Fakes.h"
 #include "support/MediaProbe.h"
 
 #include <QtDBus>
 #include <QtTest>
 
-using namespace orvane;
 using namespace orvane::plugin::interface;
 using namespace orvane::test;
 
@@ -26,16 +22,6 @@ QDBusMessage control(const QString& method, const QVariant& argument = {})
     QDBusInterface portal("org.freedesktop.impl.portal.desktop.screenreeltest", "/org/freedesktop/portal/desktop",
                           "org.freedesktop.impl.portal.ScreenCast");
     return argument.isValid() ? portal.call(method, argument) : portal.call(method);
-}
-
-// The producer's time spelt in the picture's top-left 64x4 pixels, a white
-// column a 1, most significant bit first.
-qint64 stamp(const QImage& image)
-{
-    quint64 bits = 0;
-    for (int x = 0; x < 64; ++x)
-        bits = bits << 1 | (qRed(image.pixel(x, 2)) > 128);
-    return qint64(bits);
 }
 
 } // namespace
@@ -171,25 +157,6 @@ private slots:
         const ProbedStream video = probe.streams.value(probe.streamIndex("video"));
         QVERIFY2(video.duration >= 1.0, qPrintable(QString::number(video.duration)));
         QCOMPARE(probe.decodeVideo().size(), video.pts.size());
-    }
-
-    // Each image handed over is timed when the producer painted it, moved
-    // from CLOCK_MONOTONIC onto the capture clock, within a millisecond.
-    void captureTimes()
-    {
-        Pipeline pipeline(nullptr, nullptr);
-        pipeline.video = std::make_unique<PortalVideoWorker>(screen, QRect(0, 0, 320, 240), &pipeline);
-        auto* target = new KeepingTarget(&pipeline, 25);
-        pipeline.target.reset(target);
-        QVERIFY(pipeline.start());
-        QTRY_COMPARE_WITH_TIMEOUT(target->images().size(), 25, longWait);
-        pipeline.stop();
-        // CLOCK_MONOTONIC's distance from the system clock, in microseconds.
-        const qint64 offset = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now()
-            .time_since_epoch() - std::chrono::steady_clock::now().time_since_epoch()).count();
-        for (const auto& [image, captured] : target->images())
-            QVERIFY2(qAbs(stamp(image) / 1000 + offset - captured) <= 1000,
-                     qPrintable(QString("%1 us off").arg(captured - stamp(image) / 1000 - offset)));
     }
 
     // Last: the host deletes the plug-in while the portal is being asked.

@@ -1,8 +1,7 @@
 // screenreel-test-portal: a ScreenCast portal backend for tests, run beside
 // the real portal frontend on a private session bus. Each share is a
 // PipeWire video source painting a known picture: four quadrants, red,
-// green, blue and white; its top-left 64x4 pixels spell the buffer's pts
-// (CLOCK_MONOTONIC ns, most significant bit first, a white column for a 1).
+// green, blue and white, each buffer stamped with its time.
 // Control methods beside the portal's own set how the next dialog answers
 // and end a share as a compositor would.
 //
@@ -100,31 +99,24 @@ struct Share
         spa_data& d = buffer->buffer->datas[0];
         timespec now;
         clock_gettime(CLOCK_MONOTONIC, &now);
-        const uint64_t pts = SPA_TIMESPEC_TO_NSEC(&now);
-        self->paint(static_cast<uint8_t*>(d.data), !buffer->user_data, pts);  // mapped: memfd
-        buffer->user_data = self;  // its quadrants are painted
+        if (!buffer->user_data)  // mapped (memfd), and painted once
+            self->paint(static_cast<uint8_t*>(d.data));
+        buffer->user_data = self;
         if (auto* h = static_cast<spa_meta_header*>(spa_buffer_find_meta_data(buffer->buffer, SPA_META_Header, sizeof(spa_meta_header))))
-            *h = spa_meta_header{0, 0, int64_t(pts), 0, 0};
+            *h = spa_meta_header{0, 0, int64_t(SPA_TIMESPEC_TO_NSEC(&now)), 0, 0};
         d.chunk->stride = self->size.width() * 4;
         d.chunk->size = d.chunk->stride * self->size.height();
         pw_stream_queue_buffer(self->stream, buffer);
     }
 
-    // The quadrants only into a buffer that never had them.
-    void paint(uint8_t* data, bool whole, uint64_t pts)
+    void paint(uint8_t* data)
     {
         const int w = size.width(), h = size.height();
-        const auto row = [&](int y) { return reinterpret_cast<uint32_t*>(data + size_t(y) * w * 4); };
-        const uint32_t black = pixel(format, 0, 0, 0), white = pixel(format, 255, 255, 255);
-        if (whole) {
-            const uint32_t colours[] = {pixel(format, 255, 0, 0), pixel(format, 0, 255, 0), pixel(format, 0, 0, 255), white};
-            for (int y = 0; y < h; ++y)
-                for (int x = 0; x < w; ++x)
-                    row(y)[x] = colours[(y >= h / 2) * 2 + (x >= w / 2)];
-        }
-        for (int y = 0; y < 4; ++y)
-            for (int x = 0; x < 64; ++x)
-                row(y)[x] = pts >> (63 - x) & 1 ? white : black;
+        const uint32_t colours[] = {pixel(format, 255, 0, 0), pixel(format, 0, 255, 0), pixel(format, 0, 0, 255),
+                                    pixel(format, 255, 255, 255)};
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x)
+                reinterpret_cast<uint32_t*>(data)[size_t(y) * w + x] = colours[(y >= h / 2) * 2 + (x >= w / 2)];
     }
 
     // Connected, and given a node id unless PipeWire failed it.
