@@ -117,17 +117,11 @@ private slots:
             // pipewire-pulse now and then answers a move without making it
             // (about one in six here); the user would ask again.
             const QString index = QString::number(stream["index"].toInt());
-            // Of the line of `pactl list short <list>` whose column `key` is `value`.
-            const auto field = [](const QString& list, int key, const QString& value, int column) {
-                for (const QString& line : pactl({"list", "short", list}).split('\n'))
-                    if (line.section('\t', key, key) == value)
-                        return line.section('\t', column, column);
-                return QString();
-            };
-            const QString other = field("sources", 1, "other.monitor", 0);
-            for (QDeadlineTimer deadline(longWait); field("source-outputs", 0, index, 1) != other && !deadline.hasExpired(); QTest::qWait(500))
+            const auto recordsFrom = [] { return pactl({"list", "short", "source-outputs"}).section('\t', 1, 1); };  // ours alone
+            const QString other = QRegularExpression("(?m)^(\\d+)\tother\\.monitor\t").match(pactl({"list", "short", "sources"})).captured(1);
+            for (QDeadlineTimer deadline(longWait); recordsFrom() != other && !deadline.hasExpired(); QTest::qWait(500))
                 pactl({"move-source-output", index, "other.monitor"});
-            QCOMPARE(field("source-outputs", 0, index, 1), other);
+            QCOMPARE(recordsFrom(), other);
             const qint64 at = r.target->samples;
             QTRY_VERIFY_WITH_TIMEOUT(r.target->samples > at + 48000, longWait);
             QCOMPARE(r.stopped.load(), 0);
