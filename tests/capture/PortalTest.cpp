@@ -102,8 +102,8 @@ private slots:
         QTest::newRow("RGBA: the same colours") << centre << "RGBA" << false;
     }
 
-    // The recorded colours, the size, 25 frames a second
-    // however few buffers come; asked in the dialog only the first time.
+    // The recorded colours, the size, 25 frames a second however few
+    // buffers come; asked in the dialog only the first time.
     void recordings()
     {
         QFETCH(QRect, region);
@@ -121,22 +121,16 @@ private slots:
         QCOMPARE(control("Dialogs").arguments().value(0).toUInt(), refusedDialogs + 1);
         const ProbedStream video = probe.streams.value(probe.streamIndex("video"));
         QCOMPARE(QSize(video.width, video.height), region.size());
-        // Two seconds recorded: frames on the 40 ms grid that span them,
-        // however few buffers came (a still screen sends one). A busy machine
-        // loses ticks, even most of them: their time is kept as whole frames.
-        QVector<qint64> pts = video.pts;
-        std::sort(pts.begin(), pts.end());
-        const double span = pts.isEmpty() ? 0 : (pts.last() - pts.first()) * video.timeBase;
-        QVERIFY2(span >= 1.9, qPrintable(QString("%1 frames over %2 s").arg(pts.size()).arg(span)));
-        // A still screen sends a picture a second: the rest are repeats.
-        QVERIFY2(!still || pts.size() > 2 * span + 4, qPrintable(QString::number(pts.size())));
-        for (int i = 1; i < pts.size(); ++i) {
-            const double ms = (pts[i] - pts[i - 1]) * video.timeBase * 1000;
-            QVERIFY2(ms > 39 && qAbs(ms - 40 * qRound(ms / 40)) < 1, qPrintable(QString("%1 ms after frame %2").arg(ms).arg(i - 1)));
-        }
+        // Two seconds recorded, however few buffers came: a still screen
+        // sends a picture a second, the rest are repeats. (Where frames lie,
+        // lost ticks included, is MuxerTest's.)
+        const auto [first, last] = std::minmax_element(video.pts.begin(), video.pts.end());
+        const double span = video.pts.isEmpty() ? 0 : (*last - *first) * video.timeBase;
+        QVERIFY2(span >= 1.9, qPrintable(QString("%1 frames over %2 s").arg(video.pts.size()).arg(span)));
+        QVERIFY2(!still || video.pts.size() > 2 * span + 4, qPrintable(QString::number(video.pts.size())));
         // The quadrants at the corners; a swapped layout turns red to blue.
         // The encoder's precision is MuxerTest's.
-        QCOMPARE(cornerLetters(probe.decodeVideo().value(pts.size() - 1)), QString("RGBW"));
+        QCOMPARE(cornerLetters(probe.decodeVideo().constLast()), QString("RGBW"));
     }
 
     // The compositor ends the share: the picture part ends as on a vanished
