@@ -3,6 +3,9 @@
 #include <atomic>
 
 #include <libyuv/convert_argb.h>
+#include <libyuv/scale_argb.h>
+
+#include <cmath>
 
 namespace orvane {
 
@@ -13,9 +16,10 @@ QRect FrameFitter::placement(const QRectF& screen, const QRect& region, const QR
     return QRect((grabbed.topLeft() - screen.topLeft()).toPoint() - region.topLeft(), grabbed.size().toSize());
 }
 
-FrameFitter::FrameFitter(const QRect& region, const QRect& place)
+FrameFitter::FrameFitter(const QRect& region, const QRect& place, const QSize& screen)
     : region(region)
     , place(place)
+    , screen(screen)
 {
 }
 
@@ -23,7 +27,7 @@ bool FrameFitter::isImage(const Picture& picture) const
 {
     // A whole screen of the region's size is the region, wherever the region
     // says it lies: it is handed on whole, neither cut nor moved.
-    const bool placed = place.isNull() ? picture.size == region.size()
+    const bool placed = place.isNull() ? picture.size == region.size() && (screen.isEmpty() || picture.size == screen)
                                        : place == QRect(QPoint(), region.size()) && picture.size == region.size();
     return placed && picture.layout == PixelLayout::bgrx && picture.stride >= picture.size.width() * 4
         && picture.stride % 4 == 0 && reinterpret_cast<uintptr_t>(picture.data) % 4 == 0;
@@ -33,6 +37,8 @@ QImage FrameFitter::fit(const Picture& picture)
 {
     if (picture.size.isEmpty() || !picture.data)
         return QImage();
+    if (place.isNull() && !screen.isEmpty() && picture.size != screen)
+        return fitScaled(picture);
     // The whole screen lies so that the region's corner is the image's.
     const QRect from = place.isNull() ? QRect(-region.topLeft(), picture.size) : QRect(place.topLeft(), picture.size);
     const QRect target = from & QRect(QPoint(), region.size());
@@ -47,6 +53,31 @@ QImage FrameFitter::fit(const Picture& picture)
         // in memory, its ABGR is RGBx.
         const auto copy = picture.layout == PixelLayout::bgrx ? libyuv::ARGBCopy : libyuv::ABGRToARGB;
         copy(source, picture.stride, destination, int(image->bytesPerLine()), target.width(), target.height());
+    }
+    return *image;
+}
+
+QImage FrameFitter::fitScaled(const Picture& picture)
+{
+    // The region's part of the screen, in the region's image and, scaled, in
+    // the picture.
+    const QRect target = QRect(-region.topLeft(), screen) & QRect(QPoint(), region.size());
+    QImage* image = buffer(target);
+    if (!image)
+        return QImage();
+    if (!target.isEmpty()) {
+        const double x = double(picture.size.width()) / screen.width(), y = double(picture.size.height()) / screen.height();
+        const QRect part = target.translated(region.topLeft());
+        const QRect source = QRect(QPoint(int(part.left() * x), int(part.top() * y)),
+                                   QPoint(int(std::ceil((part.right() + 1) * x)) - 1, int(std::ceil((part.bottom() + 1) * y)) - 1))
+                             & QRect(QPoint(), picture.size);
+        const int stride = int(image->bytesPerLine());
+        uint8_t* destination = image->bits() + ptrdiff_t(target.y()) * stride + target.x() * 4;
+        libyuv::ARGBScale(picture.data + ptrdiff_t(source.y()) * picture.stride + source.x() * 4, picture.stride,
+                          source.width(), source.height(), destination, stride, target.width(), target.height(),
+                          libyuv::kFilterBox);
+        if (picture.layout == PixelLayout::rgbx)
+            libyuv::ABGRToARGB(destination, stride, destination, stride, target.width(), target.height());
     }
     return *image;
 }

@@ -34,7 +34,11 @@ public:
     // grabber delivers the whole screen.
     static QRect placement(const QRectF& screen, const QRect& region, const QRectF& grabbed);
 
-    FrameFitter(const QRect& region, const QRect& place);
+    // `screen`: the whole screen's size in the region's pixels, for a grabber
+    // that may deliver the whole screen at another resolution (a scaled
+    // monitor's stream); such a picture is scaled to it. Empty: the pictures
+    // are always at the screen's resolution.
+    FrameFitter(const QRect& region, const QRect& place, const QSize& screen = QSize());
 
     // Whether the picture, as it is, is the region's image: nothing to cut,
     // move or reorder, and rows QImage can address (top-down, 4-byte
@@ -51,9 +55,11 @@ public:
 
 private:
     QImage* buffer(const QRect& target);
+    QImage fitScaled(const Picture& picture);
 
     const QRect region;
     const QRect place;
+    const QSize screen;
     // What the last picture covered: a buffer written elsewhere than that
     // would keep pixels that should now be black.
     QRect written;

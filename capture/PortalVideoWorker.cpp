@@ -6,7 +6,9 @@
 #include "pipeline/Logging.h"
 #include "pipeline/Pipeline.h"
 
+#include <QGuiApplication>
 #include <QImage>
+#include <QScreen>
 
 #include <condition_variable>
 #include <ctime>
@@ -76,7 +78,7 @@ struct PortalInput
     PortalInput(const VideoDevice& device, const QRect& region)
         : device(device)
         , region(region)
-        , fitter(regionOfPicture(device.geometry.size().toSize(), region), QRect())
+        , fitter(regionOfPicture(device.geometry.size().toSize(), region), QRect(), device.geometry.size().toSize())
     {
     }
 
@@ -85,7 +87,9 @@ struct PortalInput
 
     const VideoDevice device;
     const QRect region;
-    FrameFitter fitter;  // the stream's thread's; the picture is the whole screen
+    // The stream's thread's. The picture is the whole screen, a scaled
+    // monitor's perhaps at its own resolution rather than Qt's.
+    FrameFitter fitter;
     Mailbox mailbox;
     ScreenCastPortal portal;
     PipeWireStream stream;  // ends before the session and the mailbox do
@@ -97,7 +101,8 @@ bool PortalInput::open()
     if (!portal.share())
         return false;
     const std::vector<SharedStream>& streams = portal.streams();
-    const int index = streamForScreen(streams, device.geometry);
+    const QScreen* screen = QGuiApplication::screens().value(device.screen.toInt());
+    const int index = streamForScreen(streams, device.geometry, screen ? screen->devicePixelRatio() : 1.0);
     if (index < 0) {
         const auto text = [](const QRectF& r) {
             return QStringLiteral("%1x%2+%3+%4").arg(r.width()).arg(r.height()).arg(r.x()).arg(r.y());

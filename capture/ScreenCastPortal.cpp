@@ -129,13 +129,14 @@ struct ScreenCastPortal::Answer
     QString error;
 };
 
-int streamForScreen(const std::vector<SharedStream>& streams, const QRectF& screen)
+int streamForScreen(const std::vector<SharedStream>& streams, const QRectF& screen, qreal ratio)
 {
     const QPoint place(rounded(screen.x()), rounded(screen.y()));
     const QSize size(rounded(screen.width()), rounded(screen.height()));
+    const QSize logical(rounded(screen.width() / ratio), rounded(screen.height() / ratio));
     for (size_t i = 0; i < streams.size(); ++i) {
         const SharedStream& stream = streams[i];
-        if (stream.size == size && (!stream.position || *stream.position == place))
+        if ((stream.size == size || stream.size == logical) && (!stream.position || *stream.position == place))
             return int(i);
     }
     return -1;

@@ -24,9 +24,10 @@ struct SharedStream
 };
 
 // The index of the stream that shows `screen` (its position in desktop
-// coordinates, its size in device pixels), or -1. A stream must say its size
-// to be taken; a position it says must match too.
-int streamForScreen(const std::vector<SharedStream>& streams, const QRectF& screen);
+// coordinates, its size in device pixels, `ratio` of them to Qt's pixels),
+// or -1. A stream must say its size to be taken, in device pixels or, as
+// a scaled monitor's may, in Qt's; a position it says must match too.
+int streamForScreen(const std::vector<SharedStream>& streams, const QRectF& screen, qreal ratio);
 
 // The desktop's ScreenCast portal over the session bus: one session, which
 // asks the user for a monitor in the system's dialog (once per process where

@@ -101,23 +101,26 @@ private slots:
     void streamOfScreen_data()
     {
         QTest::addColumn<std::vector<SharedStream>>("streams");
+        QTest::addColumn<qreal>("ratio");
         QTest::addColumn<int>("index");
         const QPoint origin(0, 0);
-        const QSize full(1920, 1080);
-        QTest::newRow("the screen") << std::vector<SharedStream>{{40, origin, full}} << 0;
+        const QSize full(1920, 1080), small(1280, 720);
+        QTest::newRow("the screen") << std::vector<SharedStream>{{40, origin, full}} << 1.0 << 0;
         QTest::newRow("the one of two at the screen's place")
-                << std::vector<SharedStream>{{40, QPoint(1920, 0), full}, {41, origin, full}} << 1;
-        QTest::newRow("another monitor of the same size") << std::vector<SharedStream>{{40, QPoint(1920, 0), full}} << -1;
-        QTest::newRow("the screen's place, another size") << std::vector<SharedStream>{{40, origin, QSize(1280, 720)}} << -1;
-        QTest::newRow("no place said, the size matches") << std::vector<SharedStream>{{40, {}, full}} << 0;
-        QTest::newRow("no size said") << std::vector<SharedStream>{{40, origin, {}}} << -1;
-        QTest::newRow("nothing shared") << std::vector<SharedStream>{} << -1;
+                << std::vector<SharedStream>{{40, QPoint(1920, 0), full}, {41, origin, full}} << 1.0 << 1;
+        QTest::newRow("another monitor of the same size") << std::vector<SharedStream>{{40, QPoint(1920, 0), full}} << 1.0 << -1;
+        QTest::newRow("the screen's place, another size") << std::vector<SharedStream>{{40, origin, small}} << 1.0 << -1;
+        QTest::newRow("scaled by 1.5: its size in Qt's pixels") << std::vector<SharedStream>{{40, origin, small}} << 1.5 << 0;
+        QTest::newRow("no place said, the size matches") << std::vector<SharedStream>{{40, {}, full}} << 1.0 << 0;
+        QTest::newRow("no size said") << std::vector<SharedStream>{{40, origin, {}}} << 1.0 << -1;
+        QTest::newRow("nothing shared") << std::vector<SharedStream>{} << 1.0 << -1;
     }
     // Which of the streams the portal shares is the screen asked for, 1920x1080 at 0,0.
     void streamOfScreen()
     {
         QFETCH(std::vector<SharedStream>, streams);
-        QTEST(streamForScreen(streams, QRectF(0, 0, 1920, 1080)), "index");
+        QFETCH(qreal, ratio);
+        QTEST(streamForScreen(streams, QRectF(0, 0, 1920, 1080), ratio), "index");
     }
 
     // A portal stream's stamp moved from the monotonic clock onto the

@@ -94,12 +94,15 @@ private slots:
         QTest::addColumn<QRect>("region");
         QTest::addColumn<QString>("format");
         QTest::addColumn<bool>("still");
+        QTest::addColumn<int>("scale");  // of the buffers to the screen the portal says, a scaled monitor's
         const QRect whole(0, 0, 1920, 1080);
         const QRect centre(900, 500, 120, 80);
-        QTest::newRow("the whole screen") << whole << "BGRx" << false;
-        QTest::newRow("RGBx, a region across the centre") << centre << "RGBx" << false;
-        QTest::newRow("BGRA, still: 25 frames a second all the same") << whole << "BGRA" << true;
-        QTest::newRow("RGBA: the same colours") << centre << "RGBA" << false;
+        QTest::newRow("the whole screen") << whole << "BGRx" << false << 1;
+        QTest::newRow("RGBx, a region across the centre") << centre << "RGBx" << false << 1;
+        QTest::newRow("BGRA, still: 25 frames a second all the same") << whole << "BGRA" << true << 1;
+        QTest::newRow("RGBA: the same colours") << centre << "RGBA" << false << 1;
+        QTest::newRow("buffers at twice the size: scaled, the region cut") << centre << "BGRx" << false << 2;
+        QTest::newRow("RGBx at twice the size: the whole screen") << whole << "RGBx" << false << 2;
     }
 
     // The recorded colours, the size, 25 frames a second however few
@@ -109,8 +112,10 @@ private slots:
         QFETCH(QRect, region);
         QFETCH(QString, format);
         QFETCH(bool, still);
+        QFETCH(int, scale);
         control("SetFormat", format);
         control("SetStill", still);
+        control("SetScale", uint(scale));
         QBuffer output;
         output.open(QIODevice::WriteOnly);
         QVERIFY(reel->start(screen, region, std::nullopt, &output));

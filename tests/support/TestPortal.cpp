@@ -204,6 +204,7 @@ public:
     QString answer = "share";
     QString formatName = "BGRx";
     std::atomic<bool> still{false};
+    uint scale = 1;
     uint dialogs = 0;
     QPointer<Session> current;  // of the latest share
 
@@ -236,7 +237,7 @@ public slots:
         const QRect shared = how == "other" ? QRect(1920, 0, 1280, 720) : monitor;
         const auto format = formatName == "RGBx" ? SPA_VIDEO_FORMAT_RGBx : formatName == "BGRA" ? SPA_VIDEO_FORMAT_BGRA
                             : formatName == "RGBA" ? SPA_VIDEO_FORMAT_RGBA : SPA_VIDEO_FORMAT_BGRx;
-        session->share.reset(Share::create(loop, core, shared.size(), format, how == "silent", &still));
+        session->share.reset(Share::create(loop, core, shared.size() * int(std::exchange(scale, 1)), format, how == "silent", &still));
         if (session->share->node == SPA_ID_INVALID)
             return 2;
         current = session;
@@ -257,6 +258,9 @@ public slots:
     // "share", "cancel", "other", "silent" or "fail": the next dialog's answer.
     void SetAnswer(const QString& next) { answer = next; }
     void SetStill(bool on) { still = on; }
+    // The next node's buffers at this many times the monitor's size, which
+    // the portal still says, as a scaled monitor's may be.
+    void SetScale(uint factor) { scale = factor; }
     // "BGRx", "RGBx", "BGRA" or "RGBA": what the next node offers.
     void SetFormat(const QString& name) { formatName = name; }
     // As a compositor or the user ends it: the node goes, the session closes.
