@@ -37,47 +37,39 @@ QImage FrameFitter::fit(const Picture& picture)
 {
     if (picture.size.isEmpty() || !picture.data)
         return QImage();
-    if (place.isNull() && !screen.isEmpty() && picture.size != screen)
-        return fitScaled(picture);
+    // A whole screen at another resolution than the screen's is scaled to it.
+    const bool scaled = place.isNull() && !screen.isEmpty() && picture.size != screen;
     // The whole screen lies so that the region's corner is the image's.
-    const QRect from = place.isNull() ? QRect(-region.topLeft(), picture.size) : QRect(place.topLeft(), picture.size);
+    const QRect from = place.isNull() ? QRect(-region.topLeft(), scaled ? screen : picture.size)
+                                      : QRect(place.topLeft(), picture.size);
     const QRect target = from & QRect(QPoint(), region.size());
     QImage* image = buffer(target);
     if (!image)
         return QImage();
-    if (!target.isEmpty()) {
-        const QPoint offset = target.topLeft() - from.topLeft();
-        const uint8_t* source = picture.data + ptrdiff_t(offset.y()) * picture.stride + offset.x() * 4;
-        uint8_t* destination = image->bits() + ptrdiff_t(target.y()) * image->bytesPerLine() + target.x() * 4;
-        // libyuv names a layout by its little-endian word: its ARGB is BGRx
-        // in memory, its ABGR is RGBx.
-        const auto copy = picture.layout == PixelLayout::bgrx ? libyuv::ARGBCopy : libyuv::ABGRToARGB;
-        copy(source, picture.stride, destination, int(image->bytesPerLine()), target.width(), target.height());
-    }
-    return *image;
-}
-
-QImage FrameFitter::fitScaled(const Picture& picture)
-{
-    // The region's part of the screen, in the region's image and, scaled, in
-    // the picture.
-    const QRect target = QRect(-region.topLeft(), screen) & QRect(QPoint(), region.size());
-    QImage* image = buffer(target);
-    if (!image)
-        return QImage();
-    if (!target.isEmpty()) {
+    if (target.isEmpty())
+        return *image;
+    const int stride = int(image->bytesPerLine());
+    uint8_t* destination = image->bits() + ptrdiff_t(target.y()) * stride + target.x() * 4;
+    // libyuv names a layout by its little-endian word: its ARGB is BGRx in
+    // memory, its ABGR is RGBx.
+    if (scaled) {
+        // The part of the picture the target shows, scaled; then reordered
+        // in place, where it must be.
         const double x = double(picture.size.width()) / screen.width(), y = double(picture.size.height()) / screen.height();
-        const QRect part = target.translated(region.topLeft());
+        const QRect part = target.translated(-from.topLeft());
         const QRect source = QRect(QPoint(int(part.left() * x), int(part.top() * y)),
                                    QPoint(int(std::ceil((part.right() + 1) * x)) - 1, int(std::ceil((part.bottom() + 1) * y)) - 1))
                              & QRect(QPoint(), picture.size);
-        const int stride = int(image->bytesPerLine());
-        uint8_t* destination = image->bits() + ptrdiff_t(target.y()) * stride + target.x() * 4;
         libyuv::ARGBScale(picture.data + ptrdiff_t(source.y()) * picture.stride + source.x() * 4, picture.stride,
                           source.width(), source.height(), destination, stride, target.width(), target.height(),
                           libyuv::kFilterBox);
         if (picture.layout == PixelLayout::rgbx)
             libyuv::ABGRToARGB(destination, stride, destination, stride, target.width(), target.height());
+    } else {
+        const QPoint offset = target.topLeft() - from.topLeft();
+        const uint8_t* source = picture.data + ptrdiff_t(offset.y()) * picture.stride + offset.x() * 4;
+        const auto copy = picture.layout == PixelLayout::bgrx ? libyuv::ARGBCopy : libyuv::ABGRToARGB;
+        copy(source, picture.stride, destination, stride, target.width(), target.height());
     }
     return *image;
 }

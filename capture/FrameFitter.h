@@ -55,7 +55,6 @@ public:
 
 private:
     QImage* buffer(const QRect& target);
-    QImage fitScaled(const Picture& picture);
 
     const QRect region;
     const QRect place;
