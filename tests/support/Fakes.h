@@ -9,6 +9,7 @@
 #include <QStringList>
 
 #include <atomic>
+#include <mutex>
 
 namespace orvane::test {
 
@@ -45,26 +46,29 @@ public:
     KeepingTarget(Pipeline* pipeline, int keep) : NullTarget(pipeline), keep(keep) {}
     void writeVideo(const QImage& image, CaptureTime captured) override
     {
-        QMutexLocker lock(&mutex);
+        const std::lock_guard<std::mutex> lock(mutex);
         if (kept.size() < keep)
             kept.append({image, captured});
         last = image;
     }
-    // Copies, for any thread.
+    // Copies, for any thread; the list a copy of its own, as the worker
+    // appends to this one in place once no copy shares it.
     QVector<QPair<QImage, CaptureTime>> images() const
     {
-        QMutexLocker lock(&mutex);
-        return kept;
+        const std::lock_guard<std::mutex> lock(mutex);
+        QVector<QPair<QImage, CaptureTime>> copy = kept;
+        copy.detach();
+        return copy;
     }
     QImage newest() const
     {
-        QMutexLocker lock(&mutex);
+        const std::lock_guard<std::mutex> lock(mutex);
         return last;
     }
 
 private:
     const int keep;
-    mutable QMutex mutex;
+    mutable std::mutex mutex;  // not a QMutex: the thread sanitizer sees this one
     QVector<QPair<QImage, CaptureTime>> kept;
     QImage last;
 };
