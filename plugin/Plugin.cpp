@@ -155,6 +155,10 @@ bool Plugin::start(const VideoDevice& video, const QRect& region,
 
     pipeline = std::make_unique<Pipeline>(view, this);
     Pipeline* const current = pipeline.get();
+    // Counted before any input opens: the portal's local event loop below
+    // may deliver an earlier recording's late end, which must not take it
+    // for this one's.
+    const quint64 thisRecording = ++recording;
     if (audio)
         current->audio = std::make_unique<AudioWorker>(*audio, current);
     // The portal's input may wait for the user in the system's dialog, in a
@@ -173,7 +177,6 @@ bool Plugin::start(const VideoDevice& video, const QRect& region,
         format = current->audio->audioFormat();
     current->target = std::make_unique<Muxer>(current->video->videoSize(), format, output, current);
 
-    const quint64 thisRecording = ++recording;
     connect(current, &Pipeline::startedChanged, this, [this] { emit stateChanged(State::Started); });
     connect(current, &Pipeline::stopedChanged, this, [this, thisRecording] {
         pipelineStopped(thisRecording);
