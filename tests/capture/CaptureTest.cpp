@@ -190,16 +190,6 @@ private slots:
         // A screen larger than the display: the grabber refuses it.
         QTest::newRow("refused") << QRect(0, 0, 4000, 3000) << "" << 24;
     }
-    // The grabber is asked for the region's part of its screen only, so that a
-    // small region costs little. On a screen away from the origin, which the
-    // regions below cannot show; they show the cut at the screen's edge and
-    // that a region of the screen's size gives the whole.
-    void grabArea()
-    {
-        const QRectF second(1280, 0, 1280, 720);
-        QCOMPARE(platform::grabArea(second, QRect(100, 50, 320, 240)), QRectF(1380, 50, 320, 240));
-    }
-
     // What each region shows, cut from the screen as it is grabbed, each image
     // in a buffer of its own that the grabber's next frames leave alone, and
     // stamped with its capture time.

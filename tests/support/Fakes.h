@@ -56,9 +56,7 @@ public:
     QVector<QPair<QImage, CaptureTime>> images() const
     {
         const std::lock_guard<std::mutex> lock(mutex);
-        QVector<QPair<QImage, CaptureTime>> copy = kept;
-        copy.detach();
-        return copy;
+        return QVector<QPair<QImage, CaptureTime>>(kept.cbegin(), kept.cend());
     }
     QImage newest() const
     {
